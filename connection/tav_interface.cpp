@@ -1,0 +1,1 @@
+#include "tav_interface.h"

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite in every build: normal,
+# AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer.
+# Usage: scripts/test.sh [preset ...]   (default: default asan tsan)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+presets=("$@")
+[ ${#presets[@]} -gt 0 ] || presets=(default asan tsan)
+
+jobs=$(nproc)
+# Tests spend most of their time waiting on the protocol's fixed timeouts, so
+# run more of them than there are cores.
+test_jobs=$((jobs * 4))
+
+status=0
+for preset in "${presets[@]}"; do
+  echo "=== ${preset}: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "=== ${preset}: test"
+  if ! ctest --preset "$preset" -j "$test_jobs"; then
+    status=1
+  fi
+done
+exit $status
