@@ -1,0 +1,115 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "kiv_types.h"
+#include "sensor_attributes.h"
+#include "sns_client.pb.h"
+#include "tav_interface.h"
+
+// Learns which sensors the sensor core offers and answers the HAL service's
+// capability questions from that and from the OEM configuration.
+class kiv_sensor_factory {
+public:
+    using DataType = vendor::zep::hardware::kiv_types::DataType;
+    using ExerciseType = vendor::zep::hardware::kiv_types::ExerciseType;
+    using DataTypeGoal = vendor::zep::hardware::kiv_types::DataTypeGoal;
+    using AutoStartCapability = vendor::zep::hardware::kiv_types::AutoStartCapability;
+
+    kiv_sensor_factory();
+    ~kiv_sensor_factory();
+    kiv_sensor_factory(const kiv_sensor_factory&) = delete;
+    kiv_sensor_factory& operator=(const kiv_sensor_factory&) = delete;
+
+    // Discovery: runs on the caller's thread; answers arrive on the
+    // connection's reader thread. The connection is not owned.
+    void startDiscovery(tav_interface* conn);
+    bool is_registry_up();
+    void discover_sensors();
+    void wait_for_sensors();
+    uint32_t get_discovery_timeout_ms();
+
+    // SUID lookup.
+    void request_suid(std::string datatype, bool disable, bool lookupOption);
+    void registry_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp);
+    void default_suids_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp);
+    void handle_suids_lookup_callback(const std::string& datatype,
+                                      const std::vector<sensor_uid>& suids);
+    sensor_uid get_suids(const std::string& datatype) const;
+
+    // Attributes.
+    void retrieve_attributes();
+    sns_client_request_msg create_attr_request(sensor_uid suid, bool disable);
+    void default_attributes_lookup_callback(const uint8_t* data, uint32_t length,
+                                            uint64_t timestamp);
+    void handle_attribute_event(sensor_uid suid,
+                                const sns_client_event_msg_sns_client_event& event);
+
+    // Mandatory sensor list persisted across boots.
+    void init_mandatory_list_db();
+    void deinit_mandatory_list_db();
+    void update_mandatory_list_database(std::string datatype);
+    void wait_for_mandatory_sensors();
+
+    // OEM configuration.
+    bool parseOEMConfig(const char* path);
+
+    // Catalogue lookups (insert-if-absent on the process-wide tables).
+    std::string getSensorType(uint32_t type, bool isExercise);
+    bool isSampleDataType(DataType type);
+    int32_t hexStrToDec(const char* text);
+
+    // Capability queries; meant for after startDiscovery has returned.
+    std::unordered_set<std::string> listAvailableSensorTypes();
+    std::vector<DataType> getSupportedMetricsTypes();
+    std::vector<DataTypeGoal> getSupportedGoals();
+    bool isGoalSupported(DataTypeGoal goal);
+    std::vector<AutoStartCapability> getAutoStartList();
+    std::vector<ExerciseType> getAutoStopList();
+    std::vector<ExerciseType> getAutoPauseList();
+    void setSensorAvailabilityStatus(std::string sensorType, bool status);
+    bool getSensorAvailabilityStatus(std::string sensorType);
+    std::vector<DataType> getAllDatatypes(std::string sensorType);
+
+    // Process-wide discovery state.
+    static tav_interface* tavInterface;
+
+    // Members, in this order.
+    std::condition_variable registryCond;
+    pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t registryWait = PTHREAD_COND_INITIALIZER;
+    bool registryUp;
+    tav_event_cb eventCallback;
+    tav_resp_cb responseCallback;
+    tav_error_cb errorCallback;
+    std::unordered_map<std::string, std::vector<sensor_uid>> suidMap;
+    std::unordered_map<sensor_uid, sensor_attributes, sensor_uid_hash> attributesMap;
+    std::mutex attrMutex;
+    uint32_t pendingAttributes;
+    int64_t lastSuidTime;
+    std::vector<std::string> discoveryList;
+    bool laterBoot;
+    std::ofstream listWriter;
+    std::ifstream listReader;
+};
+
+// The core's SUID lookup service.
+extern sensor_uid lookupSuid;
+// Guards suidMap updates and the mandatory-list state below.
+extern std::mutex discoveryMutex;
+extern std::vector<std::string> mandatorySensors;
+extern std::map<std::string, bool> mandatoryFound;
+extern uint32_t num_mandatory_sns;
+extern std::atomic<bool> allMandatoryFound;
