@@ -1,1 +1,135 @@
 #include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "kivhal/host.h"
+#include "kiv_log.h"
+#include "sns_wakelock.h"
+#include "test_support.h"
+
+// The wake lock is a process-wide singleton that opens the kernel files on
+// first use; CTest runs every case in its own process, so each case sees a
+// fresh instance bound to its own root.
+namespace {
+
+using kivhal::test::log_contains;
+
+const std::string kName("KIVHAL_WAKEUP\0", 14);
+
+class WakelockTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        kivhal::host::clear_captured_log();
+        kiv_log::set_level(kiv_log::VERBOSE);
+    }
+    void TearDown() override { kiv_log::set_level(kiv_log::INFO); }
+
+    void create_kernel_files() {
+        root.write_file("/sys/power/wake_lock", "");
+        root.write_file("/sys/power/wake_unlock", "");
+    }
+    std::string locks() const { return root.read_file("/sys/power/wake_lock"); }
+    std::string unlocks() const { return root.read_file("/sys/power/wake_unlock"); }
+
+    kivhal::test::scoped_root root;
+};
+
+TEST_F(WakelockTest, LockIsTakenOnFirstReferenceAndDroppedAfterTheLast) {
+    create_kernel_files();
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    EXPECT_EQ(wl, sns_wakelock::get_instance());
+
+    wl->get_n_locks(1);
+    EXPECT_EQ(locks(), kName);
+    wl->get_n_locks(1);
+    wl->put_n_locks(1);
+    EXPECT_EQ(locks(), kName);
+    EXPECT_EQ(unlocks(), "");
+    wl->put_n_locks(1);
+    EXPECT_EQ(unlocks(), kName);
+
+    wl->get_n_locks(3);
+    wl->put_n_locks(3);
+    EXPECT_EQ(locks(), kName + kName);
+    EXPECT_EQ(unlocks(), kName + kName);
+    EXPECT_TRUE(log_contains("sucess wakelock acquire:KIVHAL_WAKEUP"));
+    EXPECT_TRUE(log_contains("sucess release KIVHAL_WAKEUP wakelock"));
+}
+
+TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedWithoutChange) {
+    create_kernel_files();
+    sns_wakelock* wl = sns_wakelock::get_instance();
+
+    wl->put_n_locks(1);
+    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0"));
+    EXPECT_EQ(unlocks(), "");
+
+    wl->get_n_locks(2);
+    wl->get_n_locks(0xffffffffu);
+    EXPECT_TRUE(log_contains("_in_count -1 will overflow max of _accu_count 2"));
+    wl->put_n_locks(3);
+    EXPECT_TRUE(log_contains("_in_count 3 is larger than _accu_count 2"));
+    wl->put_n_locks(2);
+    EXPECT_EQ(locks(), kName);
+    EXPECT_EQ(unlocks(), kName);
+}
+
+TEST_F(WakelockTest, PutAllDropsEverythingOnlyWhileHeld) {
+    create_kernel_files();
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    wl->get_n_locks(5);
+    wl->put_all();
+    EXPECT_EQ(unlocks(), kName);
+    wl->put_n_locks(1);
+    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0"));
+}
+
+TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_lock\": "));
+    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_unlock\": "));
+
+    kivhal::host::clear_captured_log();
+    wl->get_n_locks(1);
+    wl->get_n_locks(1);
+    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP").size(), 1u);
+
+    // Not held, so put_all keeps the count; two puts are still owed.
+    wl->put_all();
+    wl->put_n_locks(2);
+    EXPECT_FALSE(log_contains("is larger than"));
+    wl->get_n_locks(1);
+    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP").size(), 2u);
+}
+
+TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {
+    create_kernel_files();
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    std::thread waiter([wl] { wl->wait_for_held(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    wl->get_n_locks(1);
+    waiter.join();
+    wl->put_n_locks(1);
+    EXPECT_EQ(unlocks(), kName);
+}
+
+TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
+    root.write_file("/sys/power/wake_lock", "");
+    ASSERT_EQ(symlink("/dev/full", root.host_path("/sys/power/wake_unlock").c_str()), 0);
+    sns_wakelock* wl = sns_wakelock::get_instance();
+
+    wl->get_n_locks(1);
+    wl->put_n_locks(1);
+    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ").size(), 1u);
+    // Still held: no new lock write for the next reference, another unlock try after it.
+    wl->get_n_locks(1);
+    EXPECT_EQ(locks(), kName);
+    wl->put_n_locks(1);
+    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock").size(), 2u);
+}
+
+}  // namespace

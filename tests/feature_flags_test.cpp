@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <cutils/properties.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kiv_feature_flags.h"
+#include "kiv_log.h"
+#include "kivhal/host.h"
+#include "tav_ducto.h"
+#include "test_support.h"
+
+namespace {
+
+using kivhal::host::set_property;
+
+// The caches live for the process, so every reading runs in a child.
+template <typename Fn>
+void expect_in_child(Fn fn, bool expected, const std::string& what) {
+    EXPECT_EXIT(std::exit(fn() ? 0 : 1), ::testing::ExitedWithCode(expected ? 0 : 1), "") << what;
+}
+
+class FeatureFlagsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+        kivhal::host::clear_properties();
+        kivhal::host::clear_captured_log();
+    }
+};
+
+TEST_F(FeatureFlagsTest, UnsetPropertiesLeaveEverythingOff) {
+    EXPECT_EQ(get_aon_prop(), 0u);
+    EXPECT_FALSE(is_ds_supported());
+    EXPECT_FALSE(is_oda_supported());
+    EXPECT_FALSE(tav_ducto::check_kiv_trace_support_flag());
+    EXPECT_FALSE(kiv_trace_enabled.load());
+}
+
+TEST_F(FeatureFlagsTest, SensorStoreIsOnUnlessTheValueStartsWithFalse) {
+    const struct {
+        const char* value;
+        bool expected;
+    } cases[] = {{"0", true},      {"no", true},       {"FALSE", true}, {"disabled", true},
+                 {"true", true},   {"false", false},   {"falsely", false}};
+    for (const auto& c : cases) {
+        set_property("persist.vendor.kiv.ds", c.value);
+        expect_in_child([] { return is_ds_supported(); }, c.expected, c.value);
+    }
+}
+
+TEST_F(FeatureFlagsTest, OdaAndTraceCompareOnlyFourCharactersWithTrue) {
+    const struct {
+        const char* value;
+        bool expected;
+    } cases[] = {{"true", true}, {"true1", true}, {"trueish", true},
+                 {"1", false},   {"TRUE", false}, {"yes", false}};
+    for (const auto& c : cases) {
+        set_property("persist.vendor.kiv.ds_oda", c.value);
+        set_property("persist.vendor.debug.kiv.trace", c.value);
+        expect_in_child([] { return is_oda_supported(); }, c.expected, c.value);
+        expect_in_child([] { return tav_ducto::check_kiv_trace_support_flag() &&
+                                    kiv_trace_enabled.load(); },
+                        c.expected, c.value);
+    }
+}
+
+TEST_F(FeatureFlagsTest, AonLooksOnlyAtTheFirstCharacter) {
+    const struct {
+        const char* value;
+        bool expected;
+    } cases[] = {{"1", true}, {"10", true}, {"true", false}, {"0", false}};
+    for (const auto& c : cases) {
+        set_property("ro.vendor.mr_aon_presence", c.value);
+        expect_in_child([] { return get_aon_prop() == 1; }, c.expected, c.value);
+    }
+}
+
+TEST_F(FeatureFlagsTest, AonAndSensorStoreAreCachedOdaIsReadEveryTime) {
+    set_property("persist.vendor.kiv.ds", "false");
+    set_property("ro.vendor.mr_aon_presence", "1");
+    set_property("persist.vendor.kiv.ds_oda", "true");
+    ASSERT_FALSE(is_ds_supported());
+    ASSERT_EQ(get_aon_prop(), 1u);
+    ASSERT_TRUE(is_oda_supported());
+
+    set_property("persist.vendor.kiv.ds", "1");
+    set_property("ro.vendor.mr_aon_presence", "0");
+    set_property("persist.vendor.kiv.ds_oda", "1");
+    EXPECT_FALSE(is_ds_supported());
+    EXPECT_EQ(get_aon_prop(), 1u);
+    EXPECT_FALSE(is_oda_supported());
+}
+
+TEST_F(FeatureFlagsTest, SupportLinesMarkOffForSensorStoreAndOnForAonAndTrace) {
+    kiv_log::set_level(kiv_log::DEBUG);
+    set_property("persist.vendor.kiv.ds", "falsely");
+    set_property("persist.vendor.kiv.ds_oda", "no");
+    set_property("ro.vendor.mr_aon_presence", "1");
+    set_property("persist.vendor.debug.kiv.trace", "true");
+    is_ds_supported();
+    is_oda_supported();
+    get_aon_prop();
+    tav_ducto::check_kiv_trace_support_flag();
+
+    using kivhal::test::log_contains;
+    EXPECT_TRUE(log_contains(", ds: falsely"));
+    EXPECT_TRUE(log_contains(", support_ds : falsely"));
+    EXPECT_TRUE(log_contains(", ds_oda: no"));
+    EXPECT_TRUE(log_contains(", support_ds_oda : no"));
+    EXPECT_TRUE(log_contains(", aon_prop: 1"));
+    EXPECT_TRUE(log_contains(", support_aon_presence: 1"));
+    EXPECT_TRUE(log_contains(", trace_debug: true"));
+    EXPECT_TRUE(log_contains(", support_trace_debug : true"));
+    kiv_log::set_level(kiv_log::INFO);
+}
+
+TEST_F(FeatureFlagsTest, LongValuesAreCutToTheProperty92ByteLimit) {
+    char value[PROPERTY_VALUE_MAX + 8];
+    memset(value, 'x', sizeof(value));
+    set_property("some.long", std::string(200, 'a'));
+    EXPECT_EQ(property_get("some.long", value, "d"), PROPERTY_VALUE_MAX - 1);
+    EXPECT_EQ(std::string(value), std::string(PROPERTY_VALUE_MAX - 1, 'a'));
+    EXPECT_EQ(property_get("unset.one", value, "dflt"), 4);
+    EXPECT_STREQ(value, "dflt");
+}
+
+}  // namespace
