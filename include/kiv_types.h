@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -25,7 +26,8 @@ constexpr uint32_t GOAL_LESS_THAN_OR_EQUAL = 1;
 
 // A goal on one data type. Which member of `threshold` is meant follows from
 // datatype_output_format(dataType); a byte threshold is shared by every copy
-// and never freed.
+// and lives for the whole process. Value-initialise (`DataTypeGoal goal{}`)
+// to start from a zeroed record.
 struct DataTypeGoal {
     uint32_t thresholdLength;
     DataType dataType;
@@ -42,10 +44,14 @@ struct AutoStartCapability {
     std::vector<DataType> dataTypes;
 };
 
+// Output-format code of a data type; total over every 32-bit value.
 int datatype_output_format(DataType type);
 
+// The tables are keyed on the plain integer value.
 struct DataTypeHash {
-    size_t operator()(DataType type) const { return static_cast<size_t>(static_cast<int32_t>(type)); }
+    size_t operator()(DataType type) const {
+        return static_cast<size_t>(static_cast<int32_t>(type));
+    }
 };
 struct ExerciseTypeHash {
     size_t operator()(ExerciseType type) const {
@@ -72,10 +78,14 @@ struct exerTypeInfo {
     bool autoPause = false;
 };
 
-// Process-wide catalogue, filled from the OEM configuration file. No lock:
-// queries must not run while a parse does.
-extern std::unordered_map<DataType, dataTypeInfo, DataTypeHash> dataTypeMap;
-extern std::unordered_map<ExerciseType, exerTypeInfo, ExerciseTypeHash> exerTypeMap;
+using DataTypeTable = std::unordered_map<DataType, dataTypeInfo, DataTypeHash>;
+using ExerciseTypeTable = std::unordered_map<ExerciseType, exerTypeInfo, ExerciseTypeHash>;
+
+// Process-wide catalogue, filled from the OEM configuration file; both start
+// empty with a maximum load factor of 1.0. No lock: queries must not run
+// while a parse does.
+extern DataTypeTable dataTypeMap;
+extern ExerciseTypeTable exerTypeMap;
 
 }  // namespace kiv_types
 }  // namespace hardware

@@ -1,0 +1,265 @@
+#include <tinyxml2.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "kiv_log.h"
+#include "kiv_sensor_factory.h"
+
+namespace kt = vendor::zep::hardware::kiv_types;
+using tinyxml2::XMLAttribute;
+using tinyxml2::XMLElement;
+
+namespace {
+
+constexpr const char* kSampleConfigurationType = "KIV_sample_datatype";
+constexpr const char* kOemConfigurationType = "KIV_oem_datatype";
+
+// Threshold types and comparison words match as prefixes of the written
+// value, so "integer" counts as "int".
+constexpr const char kIntThreshold[] = "int";
+constexpr const char kFloatThreshold[] = "float";
+constexpr const char kByteThreshold[] = "byte";
+constexpr const char kGreaterOrEqual[] = "GREATER_THAN_OR_EQUAL";
+constexpr const char kLessOrEqual[] = "LESS_THAN_OR_EQUAL";
+
+template <size_t N>
+bool has_prefix(const char* text, const char (&prefix)[N]) {
+    return strncmp(text, prefix, N - 1) == 0;
+}
+
+// ASCII only: type names are identifiers, not prose.
+std::string to_upper(const char* text) {
+    std::string upper(text);
+    for (char& c : upper) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    }
+    return upper;
+}
+
+bool equals(const char* text, const char* expected) {
+    return text != nullptr && strcmp(text, expected) == 0;
+}
+
+// Goal copies handed to the service share these arrays, so they live for the
+// whole process; the pool keeps them reachable rather than freeing them.
+uint8_t* allocate_byte_threshold(const char* text, size_t length) {
+    static auto* pool = new std::vector<std::unique_ptr<uint8_t[]>>();
+    pool->emplace_back(new uint8_t[length]);
+    uint8_t* bytes = pool->back().get();
+    memcpy(bytes, text, length);
+    return bytes;
+}
+
+template <typename Read>
+void query_attribute(const XMLElement& element, const char* name, Read read) {
+    const XMLAttribute* attribute = element.FindAttribute(name);
+    if (attribute != nullptr) read(*attribute);
+}
+
+int32_t int_attribute(const XMLElement& element, const char* name) {
+    int32_t value = 0;
+    query_attribute(element, name, [&](const XMLAttribute& a) { a.QueryIntValue(&value); });
+    return value;
+}
+
+bool bool_attribute(const XMLElement& element, const char* name) {
+    bool value = false;
+    query_attribute(element, name, [&](const XMLAttribute& a) { a.QueryBoolValue(&value); });
+    return value;
+}
+
+// Reads the threshold value by its type; false when the type is unknown.
+bool read_threshold_value(const XMLElement& threshold, kt::DataTypeGoal* goal) {
+    const char* type = threshold.Attribute("type");
+    if (type == nullptr) {
+        KIV_LOGE("threshold without type");
+        return false;
+    }
+    if (has_prefix(type, kIntThreshold)) {
+        query_attribute(threshold, "type_value",
+                        [&](const XMLAttribute& a) { a.QueryIntValue(&goal->threshold.intValue); });
+        return true;
+    }
+    if (has_prefix(type, kFloatThreshold)) {
+        query_attribute(threshold, "type_value", [&](const XMLAttribute& a) {
+            a.QueryFloatValue(&goal->threshold.floatValue);
+        });
+        return true;
+    }
+    if (has_prefix(type, kByteThreshold)) {
+        const char* text = threshold.Attribute("type_value");
+        if (text == nullptr) {
+            KIV_LOGE("byte threshold without type_value");
+            return false;
+        }
+        const size_t length = strlen(text);
+        goal->threshold.bytesValue = allocate_byte_threshold(text, length);
+        goal->thresholdLength = static_cast<uint32_t>(length);
+        return true;
+    }
+    return false;
+}
+
+bool read_comparison(const XMLElement& threshold, uint32_t* comparison) {
+    const char* text = threshold.Attribute("comparison_type");
+    if (text == nullptr) {
+        KIV_LOGE("threshold without comparison_type");
+        return false;
+    }
+    if (has_prefix(text, kGreaterOrEqual)) {
+        *comparison = kt::GOAL_GREATER_THAN_OR_EQUAL;
+    } else if (has_prefix(text, kLessOrEqual)) {
+        *comparison = kt::GOAL_LESS_THAN_OR_EQUAL;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const char* sensorType,
+                  const char* typeName, const char* configurationType) {
+    kt::dataTypeInfo row;
+    row.typeName = to_upper(typeName);
+    row.sensorType = sensorType;
+    row.isSample = equals(configurationType, kSampleConfigurationType);
+    row.isOem = equals(configurationType, kOemConfigurationType);
+    row.available = true;
+    const auto key = static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
+    kt::dataTypeMap.insert_or_assign(key, std::move(row));
+}
+
+void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
+                     const char* configurationType,
+                     std::unordered_set<std::string>* sensorTypesFound) {
+    if (configurationType == nullptr) KIV_LOGE("configuration with datatypes but without type");
+    while (entry != nullptr) {
+        const char* sensorType = entry->Attribute("sensor_type");
+        const char* typeName = entry->Attribute("type");
+        if (sensorType == nullptr || typeName == nullptr) {
+            // Both attributes are the file's contract; an entry without them
+            // is re-read and never passed, so a broken file stops the parse
+            // here rather than shipping a half-read catalogue.
+            std::this_thread::yield();
+            continue;
+        }
+        add_datatype(factory, *entry, sensorType, typeName, configurationType);
+        sensorTypesFound->insert(sensorType);
+        entry = entry->NextSiblingElement("datatype");
+    }
+}
+
+void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInfo* row) {
+    for (const XMLElement* threshold = goalElement.FirstChildElement("threshold"); threshold != nullptr;
+         threshold = threshold->NextSiblingElement("threshold")) {
+        kt::DataTypeGoal goal{};
+        goal.dataType = key;
+        const bool typed = read_threshold_value(*threshold, &goal);
+        if (!read_comparison(*threshold, &goal.comparisonType) || !typed) continue;
+        row->goals.push_back(goal);
+        row->goalSupported = true;
+    }
+}
+
+// Goals may refer only to data types defined so far.
+void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals) {
+    for (const XMLElement* goal = goals.FirstChildElement("goal"); goal != nullptr;
+         goal = goal->NextSiblingElement("goal")) {
+        const auto key = static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
+        auto row = kt::dataTypeMap.find(key);
+        if (row == kt::dataTypeMap.end()) continue;
+        parse_goal(key, *goal, &row->second);
+    }
+}
+
+// Reads the exercise's own fields; false when it must be skipped.
+bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo* exercise) {
+    const char* type = element.Attribute("type");
+    if (type == nullptr) return false;
+    const char* sensorType = element.Attribute("sensor_type");
+    if (sensorType == nullptr) {
+        KIV_LOGE("exercisetype %s without sensor_type", type);
+        return false;
+    }
+    exercise->typeName = to_upper(type);
+    exercise->sensorType = sensorType;
+    *number = int_attribute(element, "exercise_num");
+    exercise->autoStart = bool_attribute(element, "auto_start");
+    exercise->autoStop = bool_attribute(element, "auto_stop");
+    exercise->autoPause = bool_attribute(element, "auto_pause");
+    return true;
+}
+
+std::vector<kt::DataType> rows_named(const std::string& typeName) {
+    std::vector<kt::DataType> keys;
+    for (const auto& [key, row] : kt::dataTypeMap) {
+        if (row.typeName == typeName) keys.push_back(key);
+    }
+    return keys;
+}
+
+}  // namespace
+
+bool kiv_sensor_factory::parseOEMConfig(const char* path) {
+    tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
+    if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
+        KIV_LOGE("XML Config File Not Opened");
+        return false;
+    }
+    KIV_LOGD("XML Config File Opened");
+
+    std::unordered_set<std::string> sensorTypesFound;
+    for (const XMLElement* configuration = document.FirstChildElement("configuration");
+         configuration != nullptr;) {
+        const XMLElement* next = configuration->NextSiblingElement("configuration");
+
+        KIV_LOGD("Parsing Datatypes");
+        const XMLElement* datatypes = configuration->FirstChildElement("datatypes");
+        const XMLElement* firstDatatype =
+                datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
+        if (firstDatatype == nullptr && next == nullptr && kt::dataTypeMap.empty()) return false;
+        if (firstDatatype != nullptr) {
+            parse_datatypes(*this, firstDatatype, configuration->Attribute("type"), &sensorTypesFound);
+        }
+
+        KIV_LOGD("Parsing Goals");
+        const XMLElement* goals = configuration->FirstChildElement("goals");
+        if (goals != nullptr) parse_goals(*this, *goals);
+
+        KIV_LOGD("Parsing AutoExercise Elements");
+        const XMLElement* autoExercise = configuration->FirstChildElement("autoExerciseType");
+        if (autoExercise != nullptr) {
+            for (const XMLElement* element = autoExercise->FirstChildElement("exercisetype");
+                 element != nullptr; element = element->NextSiblingElement("exercisetype")) {
+                int32_t number = 0;
+                kt::exerTypeInfo exercise;
+                if (!read_exercise(*element, &number, &exercise)) continue;
+                KIV_LOGD("exerNum = %d, autoStart = %d, autoStop = %d, autoPause = %d", number,
+                         exercise.autoStart, exercise.autoStop, exercise.autoPause);
+                if (exercise.autoStart) {
+                    for (const XMLElement* datatype = element->FirstChildElement("datatype");
+                         datatype != nullptr; datatype = datatype->NextSiblingElement("datatype")) {
+                        const char* name = datatype->Attribute("type");
+                        if (name == nullptr) continue;
+                        const std::string upper = to_upper(name);
+                        for (DataType key : rows_named(upper)) {
+                            KIV_LOGD("Adding DataType %s to autoStartList", upper.c_str());
+                            exercise.autoStartDataTypes.push_back(key);
+                        }
+                    }
+                }
+                KIV_LOGD("Adding exercise %d in exerMap", number);
+                kt::exerTypeMap.insert_or_assign(static_cast<ExerciseType>(number), std::move(exercise));
+            }
+            KIV_LOGD("AutoExerciseMap Size = %d", static_cast<int>(kt::exerTypeMap.size()));
+        }
+        configuration = next;
+    }
+
+    discoveryList.insert(discoveryList.end(), sensorTypesFound.begin(), sensorTypesFound.end());
+    return true;
+}
