@@ -1,17 +1,51 @@
 #include "kiv_sensor_factory.h"
 
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 
+#include "discovery_util.h"
 #include "kiv_log.h"
 #include "kivhal/platform.h"
+
+using kivhal::discovery::ns_to_seconds;
+using kivhal::discovery::steady_now_ns;
+using kivhal::discovery::steady_now_seconds;
 
 namespace {
 
 constexpr const char* kHealthSensorType = "health";
 constexpr const char* kHealthAsyncAnnounceSensorType = "health_async_announce";
+constexpr const char* kRegistrySensorType = "registry";
+constexpr const char* kOemConfigPath = "/vendor/etc/sensors/oem_config.xml";
+
+constexpr int kRegistryTries = 80;
+constexpr time_t kRegistryWaitSeconds = 1;
+constexpr useconds_t kRegistryRetryPauseUs = 250000;
+constexpr useconds_t kRegistryDisableSettleUs = 100000;
+
+constexpr uint32_t kLaterBootDiscoveryTimeoutMs = 1000;
+constexpr uint32_t kFirstBootDiscoveryTimeoutMs = 7000;
+constexpr uint32_t kMillisPerSecond = 1000;
+constexpr useconds_t kDiscoveryDisableSettleUs = 50000;
+
+constexpr int kRediscoverPasses = 8;
+constexpr auto kRediscoverPause = std::chrono::seconds(2);
+
+// Holds a raw POSIX mutex for one scope.
+class pthread_lock {
+public:
+    explicit pthread_lock(pthread_mutex_t* mutex) : _mutex(mutex) { pthread_mutex_lock(_mutex); }
+    ~pthread_lock() { pthread_mutex_unlock(_mutex); }
+    pthread_lock(const pthread_lock&) = delete;
+    pthread_lock& operator=(const pthread_lock&) = delete;
+
+private:
+    pthread_mutex_t* _mutex;
+};
 
 }  // namespace
 
@@ -37,5 +71,194 @@ kiv_sensor_factory::~kiv_sensor_factory() {
     for (const auto& row : vendor::zep::hardware::kiv_types::dataTypeMap) {
         auto copy = row;
         (void)copy;
+    }
+}
+
+void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
+    tavInterface = conn;
+    if (!is_registry_up()) {
+        KIV_LOGE("registry sensor not ready, not trying to get sensors list");
+        return;
+    }
+
+    init_mandatory_list_db();
+    if (laterBoot) {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        for (const std::string& name : mandatorySensors) {
+            mandatoryFound.emplace(name, false);
+        }
+    }
+
+    KIV_LOGD("Starting Parsing of XML Config File");
+    std::string config_path = kivhal::platform::resolve_path(kOemConfigPath);
+    if (!parseOEMConfig(config_path.c_str())) {
+        // The list stays open: only a completed discovery closes it.
+        KIV_LOGE("Error in Parsing of XML Config File");
+        return;
+    }
+    KIV_LOGD("Parsing of XML Config File Successful");
+    discover_sensors();
+
+    bool found_any;
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        found_any = !suidMap.empty();
+    }
+    if (found_any) {
+        retrieve_attributes();
+    }
+    deinit_mandatory_list_db();
+}
+
+bool kiv_sensor_factory::wait_for_registry_answer() {
+    pthread_lock lock(&registryMutex);
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += kRegistryWaitSeconds;
+    // One timed wait only: the callback signals after every message, and the
+    // caller re-requests on its own schedule.
+    pthread_cond_timedwait(&registryWait, &registryMutex, &deadline);
+    return registryUp;
+}
+
+bool kiv_sensor_factory::is_registry_up() {
+    {
+        pthread_lock lock(&registryMutex);
+        registryUp = false;
+    }
+    KIV_LOGD("starting is_registry_up @ t=%fs", steady_now_seconds());
+
+    int64_t t0 = steady_now_ns();
+    eventCallback = [this](const uint8_t* data, uint32_t length, uint64_t) {
+        registry_lookup_callback(data, length, 0);
+    };
+    tavInterface->register_cb(lookupSuid, responseCallback, errorCallback, eventCallback);
+    KIV_LOGI("Remote SensorService UpTime from hal_service start = %fs",
+             ns_to_seconds(steady_now_ns() - t0));
+
+    int64_t t1 = steady_now_ns();
+    int countdown = kRegistryTries + 1;
+    bool up = false;
+    do {
+        countdown--;
+        KIV_LOGD("registry discovery countdown: %d", countdown);
+        request_suid(kRegistrySensorType, false, false);
+        up = wait_for_registry_answer();
+        if (up) {
+            break;
+        }
+        usleep(kRegistryRetryPauseUs);
+    } while (countdown > 1);
+    if (!up) {
+        countdown = 0;
+    }
+    up = registry_is_up();
+
+    double elapsed = ns_to_seconds(steady_now_ns() - t1);
+    int repeats = kRegistryTries - countdown;
+    if (up) {
+        KIV_LOGI("registry_sensor availability time '%fsec' from serviceup(no of repeats:'%d') ",
+                 elapsed, repeats);
+    } else {
+        KIV_LOGE("registry_sensor unavailable even after '%fsecs' of serviceup(no of repeats:'%d')",
+                 elapsed, repeats);
+    }
+
+    // Ends the registry registration; the pause lets the answer drop it before
+    // discovery registers the lookup service again.
+    request_suid(kRegistrySensorType, true, false);
+    usleep(kRegistryDisableSettleUs);
+    return registry_is_up();
+}
+
+bool kiv_sensor_factory::registry_is_up() {
+    pthread_lock lock(&registryMutex);
+    return registryUp;
+}
+
+uint32_t kiv_sensor_factory::get_discovery_timeout_ms() {
+    return laterBoot ? kLaterBootDiscoveryTimeoutMs : kFirstBootDiscoveryTimeoutMs;
+}
+
+void kiv_sensor_factory::discover_sensors() {
+    KIV_LOGD("discovery start t=%fs", steady_now_seconds());
+    eventCallback = [this](const uint8_t* data, uint32_t length, uint64_t) {
+        default_suids_lookup_callback(data, length, 0);
+    };
+    tavInterface->register_cb(lookupSuid, responseCallback, errorCallback, eventCallback);
+
+    KIV_LOGD("discovering available sensors...");
+    for (const std::string& name : discoveryList) {
+        KIV_LOGD("requesting %s", name.c_str());
+        request_suid(name, false, true);
+    }
+
+    int64_t t_start = steady_now_ns();
+    uint32_t timeout_ms = get_discovery_timeout_ms();
+    KIV_LOGV("before sleep, now=%f", steady_now_seconds());
+    KIV_LOGI("waiting for suids for %us ...", timeout_ms / kMillisPerSecond);
+    std::this_thread::sleep_for(std::chrono::milliseconds(timeout_ms));
+    KIV_LOGV("after sleep, now=%f", steady_now_seconds());
+
+    if (laterBoot) {
+        wait_for_mandatory_sensors();
+    } else if (mandatory_count() == 0) {
+        KIV_LOGE("first boot generated 0 sensors so re-discover");
+        wait_for_sensors();
+    }
+
+    KIV_LOGD("available sensors on tav");
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        for (const auto& entry : suidMap) {
+            KIV_LOGD("%-20s%4u", entry.first.c_str(), static_cast<unsigned>(entry.second.size()));
+        }
+    }
+    request_suid(kRegistrySensorType, true, false);
+    int64_t last_suid_time;
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        last_suid_time = lastSuidTime;
+    }
+    KIV_LOGI("suid discovery time = %fs", ns_to_seconds(last_suid_time - t_start));
+    usleep(kDiscoveryDisableSettleUs);
+}
+
+uint32_t kiv_sensor_factory::mandatory_count() const {
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    return num_mandatory_sns;
+}
+
+std::vector<std::string> kiv_sensor_factory::missing_discovery_names() {
+    std::vector<std::string> missing;
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    for (const std::string& name : discoveryList) {
+        if (suidMap.find(name) == suidMap.end()) {
+            missing.push_back(name);
+        }
+    }
+    return missing;
+}
+
+void kiv_sensor_factory::wait_for_sensors() {
+    int count = kRediscoverPasses;
+    while (true) {
+        KIV_LOGI("ORN not ready yet wait count %d", count);
+        for (const std::string& name : missing_discovery_names()) {
+            KIV_LOGD("re-sending request for %s", name.c_str());
+            request_suid(name, false, true);
+        }
+        std::this_thread::sleep_for(kRediscoverPause);
+
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        count--;
+        if (num_mandatory_sns != 0) {
+            KIV_LOGI("sensors found after re discover %d", count);
+            return;
+        }
+        if (count == 0) {
+            KIV_LOGE("sensors list is 0 after first boot ");
+            return;
+        }
     }
 }

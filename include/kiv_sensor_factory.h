@@ -103,6 +103,14 @@ public:
     bool laterBoot;
     std::ofstream listWriter;
     std::ifstream listReader;
+
+private:
+    // Discovery steps that read state the reader thread writes, under its lock.
+    bool wait_for_registry_answer();
+    bool registry_is_up();
+    uint32_t mandatory_count() const;
+    std::vector<std::string> missing_discovery_names();
+    std::vector<std::pair<std::string, std::vector<sensor_uid>>> suid_snapshot();
 };
 
 // The core's SUID lookup service.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -9,8 +10,8 @@
 #include "sns_std_attr.pb.h"
 
 // One sensor's attributes as the core reported them, keyed by attribute id.
-// Every getter lets the map's out-of-range error through for an absent id and
-// throws std::runtime_error when the value has the wrong shape.
+// Every getter throws std::out_of_range ("unordered_map::at: key not found")
+// for an absent id and std::runtime_error when the value has the wrong shape.
 class sensor_attributes {
 public:
     static constexpr int32_t STREAM_TYPE_ATTRIBUTE_ID = 16;
@@ -29,5 +30,7 @@ public:
     const std::unordered_map<int32_t, sns_std_attr_value>& attributes() const { return _attributes; }
 
 private:
+    const sns_std_attr_value& value_of(int32_t attribute_id) const;
+
     std::unordered_map<int32_t, sns_std_attr_value> _attributes;
 };

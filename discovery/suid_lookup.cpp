@@ -1,0 +1,141 @@
+#include <pthread.h>
+
+#include <climits>
+
+#include "discovery_util.h"
+#include "kiv_log.h"
+#include "kiv_sensor_factory.h"
+#include "sns_client.pb.h"
+#include "sns_suid.pb.h"
+
+using kivhal::discovery::increment_or_abort;
+using kivhal::discovery::steady_now_ns;
+
+namespace {
+
+constexpr uint32_t kLookupRequestMsgId = 512;
+constexpr uint32_t kDisableRequestMsgId = 10;
+constexpr uint32_t kLookupEventMsgId = 768;
+constexpr uint32_t kProcessorKind = 0;
+constexpr uint32_t kDeliveryMode = 1;
+constexpr int kSessionId = 0;
+constexpr const char* kRegistrySensorType = "registry";
+
+sensor_uid to_sensor_uid(const sns_std_suid& suid) {
+    return sensor_uid{suid.uidlow(), suid.uidhigh()};
+}
+
+// The connection hands over whole messages; a length protobuf cannot take is
+// not one of them.
+bool parse_event_msg(const uint8_t* data, uint32_t length, sns_client_event_msg& msg) {
+    if (length > static_cast<uint32_t>(INT_MAX) || (data == nullptr && length != 0)) {
+        KIV_LOGE("dropping event message of length %u", length);
+        return false;
+    }
+    msg.ParseFromArray(data, static_cast<int>(length));
+    return true;
+}
+
+}  // namespace
+
+void kiv_sensor_factory::request_suid(std::string datatype, bool disable, bool lookupOption) {
+    KIV_LOGV("requesting suid for %s", datatype.c_str());
+
+    sns_suid_req lookup;
+    lookup.set_datatypename(datatype);
+    lookup.set_streamupdates(true);
+    lookup.set_lookupoption(lookupOption);
+    std::string lookup_payload;
+    lookup.SerializeToString(&lookup_payload);
+
+    sns_client_request_msg envelope;
+    envelope.set_msg_id(disable ? kDisableRequestMsgId : kLookupRequestMsgId);
+    envelope.mutable_request()->set_payload(lookup_payload);
+    envelope.mutable_suid()->set_uidlow(lookupSuid.low);
+    envelope.mutable_suid()->set_uidhigh(lookupSuid.high);
+    envelope.mutable_suspendconfig()->set_processorkind(kProcessorKind);
+    envelope.mutable_suspendconfig()->set_deliverymode(kDeliveryMode);
+    std::string encoded;
+    envelope.SerializeToString(&encoded);
+
+    tavInterface->send_request(lookupSuid, true, encoded, kSessionId);
+}
+
+void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t length,
+                                                  uint64_t /*timestamp*/) {
+    pthread_mutex_lock(&registryMutex);
+    sns_client_event_msg msg;
+    if (parse_event_msg(data, length, msg)) {
+        for (const auto& event : msg.eventlist()) {
+            if (event.msg_id() != kLookupEventMsgId) {
+                KIV_LOGE("invalid event msg_id=%d", event.msg_id());
+                continue;
+            }
+            sns_suid_event lookup;
+            lookup.ParseFromString(event.payload());
+            KIV_LOGV("suid_event for %s, num_suids=%d", lookup.datatypename().c_str(),
+                     lookup.suids_size());
+            if (lookup.suids_size() >= 1 && lookup.datatypename() == kRegistrySensorType) {
+                registryUp = true;
+            }
+        }
+    }
+    // Every message wakes the waiter, whatever it held.
+    pthread_cond_signal(&registryWait);
+    pthread_mutex_unlock(&registryMutex);
+}
+
+void kiv_sensor_factory::default_suids_lookup_callback(const uint8_t* data, uint32_t length,
+                                                       uint64_t /*timestamp*/) {
+    sns_client_event_msg msg;
+    if (!parse_event_msg(data, length, msg) || msg.eventlist_size() == 0) {
+        return;
+    }
+    for (const auto& event : msg.eventlist()) {
+        if (event.msg_id() != kLookupEventMsgId) {
+            KIV_LOGE("invalid event msg_id=%d", event.msg_id());
+            continue;
+        }
+        sns_suid_event lookup;
+        lookup.ParseFromString(event.payload());
+        KIV_LOGV("suid_event for %s, num_suids=%d", lookup.datatypename().c_str(),
+                 lookup.suids_size());
+        std::vector<sensor_uid> suids;
+        suids.reserve(lookup.suids_size());
+        for (const sns_std_suid& suid : lookup.suids()) {
+            suids.push_back(to_sensor_uid(suid));
+        }
+        handle_suids_lookup_callback(lookup.datatypename(), suids);
+    }
+}
+
+void kiv_sensor_factory::handle_suids_lookup_callback(const std::string& datatype,
+                                                      const std::vector<sensor_uid>& suids) {
+    if (suids.empty()) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    suidMap[datatype] = suids;
+    update_mandatory_list_database(datatype);
+    if (laterBoot) {
+        auto listed = mandatoryFound.find(datatype);
+        if (listed != mandatoryFound.end() && !listed->second) {
+            listed->second = true;
+            increment_or_abort(num_mandatory_sns);
+            if (num_mandatory_sns == mandatorySensors.size()) {
+                allMandatoryFound.store(true);
+            }
+        }
+    }
+    lastSuidTime = steady_now_ns();
+    KIV_LOGV("received suid for dt=%s", datatype.c_str());
+}
+
+sensor_uid kiv_sensor_factory::get_suids(const std::string& datatype) const {
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    auto it = suidMap.find(datatype);
+    if (it == suidMap.end() || it->second.empty()) {
+        return sensor_uid{0, 0};
+    }
+    return it->second.front();
+}
