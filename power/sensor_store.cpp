@@ -1,0 +1,271 @@
+// The sensorstore partition: replay of the packets the sensor core kept while
+// the application processor slept, and the header field that hands the area
+// back to the core.
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "kiv_feature_flags.h"
+#include "kiv_log.h"
+#include "kivhal/platform.h"
+#include "sensorstore_partition.h"
+#include "tav_ducto.h"
+
+namespace {
+
+std::string partition_path() {
+    return kivhal::platform::resolve_path(SNS_SENSORSTORE_PARTITION);
+}
+
+// The channel read rule of ducto_read takes header bytes 4-5 as a packet
+// length, so the header read may ask for that many bytes: give it room for
+// the largest, and say how many bytes the partition must hold for the read to
+// end.
+constexpr size_t kHeaderReadBufferLen = SNS_SENSORSTORE_HDR_LEN + UINT16_MAX;
+
+off_t header_read_needs(int fd) {
+    sns_sensorstore_hdr peek = {};
+    if (pread(fd, &peek, sizeof(peek), 0) != static_cast<ssize_t>(sizeof(peek))) {
+        return SNS_SENSORSTORE_HDR_LEN;
+    }
+    const off_t length_field = static_cast<uint16_t>(peek.reset_data_len & UINT16_MAX);
+    return length_field > SNS_SENSORSTORE_HDR_LEN ? length_field : SNS_SENSORSTORE_HDR_LEN;
+}
+
+}  // namespace
+
+uint32_t tav_ducto::ducto_get_channel_hash(const char* name, uint8_t len) {
+    return sensorstore_channel_hash(name, len);
+}
+
+void tav_ducto::tav_process_low_power_sensor_store_write_info(
+    sns_aon_client_low_pwr_state_write_info* write_info) {
+    const uint32_t total_byte_count = write_info->total_byte_count;
+    const uint16_t shmem_byte_count = write_info->shmem_byte_count;
+    if (total_byte_count == 0 || total_byte_count <= shmem_byte_count) {
+        KIV_LOGD("TAV_SENSORSTORE NO DATA in eMMC, total_byte_count=%d shmem_byte_count=%d",
+                 total_byte_count, shmem_byte_count);
+        return;
+    }
+    if (write_info->write_info_error != 0) {
+        KIV_LOGE("TAV_SENSORSTORE WRITE_INFO_ERROR(%d)", write_info->write_info_error);
+        throw ducto_error(write_info->write_info_error, "TAV_SENSORSTORE WRITE_INFO_ERROR");
+    }
+
+    const uint32_t emmc_byte_count = total_byte_count - shmem_byte_count;
+    const uint32_t write_info_byte_count = emmc_byte_count + SNS_SENSORSTORE_HDR_LEN;
+
+    const int opened = ducto_open(partition_path());
+    if (opened < 0) {
+        KIV_LOGE("TAV_SENSORSTORE open failed");
+        throw ducto_error(opened, "TAV_SENSORSTORE open failed");
+    }
+    sensorstore_fd fd(opened);
+    KIV_LOGD("TAV_SENSORSTORE open successful sns_str_fd(%d)", fd.get());
+
+    // Only what the partition really holds may be touched: a mapping past
+    // the end of a file faults.
+    const off_t partition_size = sensorstore_partition_size(fd.get());
+    if (partition_size >= 0 && partition_size < static_cast<off_t>(SNS_SENSORSTORE_HDR_LEN)) {
+        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than its header",
+                 static_cast<long long>(partition_size));
+        throw ducto_error(-EIO, "TAV_SENSORSTORE partition too small");
+    }
+
+    sensorstore_mapping mapping(fd.get(), write_info_byte_count);
+    if (!mapping.valid()) {
+        const int error = errno;
+        KIV_LOGE("TAV_SENSORSTORE mmamp failed errno(%d)", error);
+        throw ducto_error(error, "TAV_SENSORSTORE mmamp failed");
+    }
+    KIV_LOGD("TAV_SENSORSTORE mmap successful sns_str_map(0x%llx)",
+             static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(mapping.data())));
+
+    size_t readable = mapping.size();
+    if (partition_size >= 0 && static_cast<uint64_t>(partition_size) < readable) {
+        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than write_info_byte_count(%d)",
+                 static_cast<long long>(partition_size), write_info_byte_count);
+        readable = static_cast<size_t>(partition_size);
+    }
+
+    sns_sensorstore_hdr header;
+    memcpy(&header, mapping.data(), sizeof(header));
+    const uint32_t data_len = header.data_len;
+    if (data_len < write_info_byte_count) {
+        KIV_LOGE("TAV_SENSORSTORE data is missing emmc_byte_count(%d) write_info_byte_count(%d)",
+                 data_len, write_info_byte_count);
+    } else if (data_len > write_info_byte_count) {
+        KIV_LOGE("TAV_SENSORSTORE emmc_byte_count(%d) cannot be > than write_info_byte_count(%d)",
+                 data_len, write_info_byte_count);
+    } else {
+        KIV_LOGD("TAV_SENSORSTORE emmc_byte_count(%d) emmc_trvsd_len(%d)", data_len,
+                 SNS_SENSORSTORE_HDR_LEN);
+    }
+
+    const uint32_t channel_hash = ducto_get_channel_hash(
+        _channel_name.c_str(), static_cast<uint8_t>(_channel_name.size()));
+    KIV_LOGD("TAV_SENSORSTORE channel_hash = %d", channel_hash);
+
+    uint32_t trvsd = SNS_SENSORSTORE_HDR_LEN;
+    do {
+        sensorstore_record record;
+        const sensorstore_record_status status =
+            read_sensorstore_record(mapping.data(), readable, trvsd, &record);
+        if (status == sensorstore_record_status::head_out_of_bounds) {
+            KIV_LOGE("TAV_SENSORSTORE record at emmc_trvsd_len(%d) lies past the %zu readable bytes",
+                     trvsd, readable);
+            break;
+        }
+        if (status == sensorstore_record_status::packet_too_short) {
+            KIV_LOGE("TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) is shorter than a packet head",
+                     record.pkt_len, trvsd);
+            break;
+        }
+        if (status == sensorstore_record_status::packet_out_of_bounds) {
+            KIV_LOGE("TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) runs past the %zu readable bytes",
+                     record.pkt_len, trvsd, readable);
+            break;
+        }
+
+        if (record.channel_hash == channel_hash) {
+            KIV_LOGD("TAV_SENSORSTORE parsing lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
+                     record.channel_hash, record.pkt_len);
+            if (record.msg_id == SNS_AON_CLIENT_JUMBO_REPORT_IND_V01) {
+                sns_ducto_packet packet;
+                copy_sensorstore_packet(record, &packet);
+                ducto_indication_handler(SNS_AON_CLIENT_JUMBO_REPORT_IND_V01, packet);
+            } else {
+                KIV_LOGE("TAV_SENSORSTORE UNEXPECTED_MSG_ID(%d)", record.msg_id);
+            }
+        } else {
+            KIV_LOGD("TAV_SENSORSTORE skipping lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
+                     record.channel_hash, record.pkt_len);
+        }
+
+        if (__builtin_add_overflow(trvsd, SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len,
+                                   &trvsd)) {
+            abort();
+        }
+    } while (trvsd < data_len);
+
+    if (trvsd == data_len) {
+        KIV_LOGD("TAV_SENSORSTORE eMMC data parsing successfull, emmc_trvsd_len(%d)", trvsd);
+    } else {
+        KIV_LOGE("TAV_SENSORSTORE eMMC data parsing FAILED, emmc_byte_count(%d), emmc_trvsd_len(%d)",
+                 data_len, trvsd);
+    }
+
+    if (mapping.unmap() != 0) {
+        KIV_LOGE("TAV_SENSORSTORE munmap failed errno(%d)", errno);
+    } else {
+        KIV_LOGV("TAV_SENSORSTORE munmap successfull");
+    }
+    const int closed_fd = fd.get();
+    if (fd.close() != 0) {
+        KIV_LOGE("TAV_SENSORSTORE close on sns_str_fd = %d failed with errno(%d)", closed_fd, errno);
+    } else {
+        KIV_LOGV("TAV_SENSORSTORE close successfull");
+    }
+
+    tav_update_sensorstore_header_reset_field(SNS_SENSORSTORE_RESET_DONE);
+}
+
+void tav_ducto::tav_update_sensorstore_header_reset_field(uint32_t value) {
+    if (!is_oda_supported()) {
+        KIV_LOGD("TAV_SENSORSTORE ODA not supported");
+        return;
+    }
+
+    const int opened = ducto_open(partition_path());
+    if (opened < 0) {
+        KIV_LOGE("TAV_SENSORSTORE open failure");
+        throw ducto_error(opened, "TAV_SENSORSTORE open failure");
+    }
+    sensorstore_fd fd(opened);
+    KIV_LOGD("TAV_SENSORSTORE open successful sns_str_fd(%d)", fd.get());
+
+    // A read that could not end on this partition counts as a failed read.
+    const off_t partition_size = sensorstore_partition_size(fd.get());
+    const off_t needed = header_read_needs(fd.get());
+    int result = -EIO;
+    std::vector<uint8_t> buffer(kHeaderReadBufferLen, 0);
+    if (partition_size >= 0 && partition_size < needed) {
+        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is too small for a header read of %lld bytes",
+                 static_cast<long long>(partition_size), static_cast<long long>(needed));
+    } else {
+        result = ducto_read(fd.get(), buffer.data(), SNS_SENSORSTORE_HDR_LEN);
+    }
+    if (result < 0) {
+        KIV_LOGE("TAV_SENSORSTORE read failure");
+        throw ducto_error(result, "TAV_SENSORSTORE read failure");
+    }
+    sns_sensorstore_hdr header;
+    memcpy(&header, buffer.data(), sizeof(header));
+    KIV_LOGD("TAV_SENSORSTORE sensorstore_hdr data_len(%d) reset_data_len(%d)", header.data_len,
+             header.reset_data_len);
+
+    const off_t seeked = lseek(fd.get(), 0, SEEK_SET);
+    if (seeked != 0) {
+        KIV_LOGE("TAV_SENSORSTORE lseek failure");
+        throw ducto_error(static_cast<int>(seeked), "TAV_SENSORSTORE lseek failure");
+    }
+
+    header.reset_data_len = value;
+    result = tav_sensorstore_write(fd.get(), reinterpret_cast<uint8_t*>(&header), sizeof(header));
+    if (result < 0) {
+        KIV_LOGE("TAV_SENSORSTORE write failure");
+        throw ducto_error(result, "TAV_SENSORSTORE write failure");
+    }
+
+    const int closed_fd = fd.get();
+    if (fd.close() != 0) {
+        KIV_LOGE("TAV_SENSORSTORE close on sns_str_fd = %d failed with errno(%d)", closed_fd, errno);
+    } else {
+        KIV_LOGV("TAV_SENSORSTORE close successfull");
+    }
+}
+
+int tav_ducto::tav_sensorstore_write(int fd, uint8_t* buf, uint32_t len) {
+    KIV_LOGD("TAV_SENSORSTORE write fd = %d buf_len = %zu", fd, static_cast<size_t>(len));
+    if (fd < 0) {
+        KIV_LOGE("TAV_SENSORSTORE invalid fd(%d)", fd);
+        return 0;
+    }
+
+    int result = 0;
+    int retries = 0;
+    uint32_t total = 0;
+    uint32_t remaining = len;
+    while (remaining > 0) {
+        const ssize_t written = kivhal::platform::write_node(fd, buf, remaining);
+        if (written < 0) {
+            const int error = errno;
+            if (error != EBUSY && error != EAGAIN) {
+                KIV_LOGE("TAV_SENSORSTORE write has failed with errno = %d ", error);
+                return -error;
+            }
+            ++retries;
+            KIV_LOGE("TAV_SENSORSTORE write failed with errno = %d", error);
+            if (retries >= MAX_SENSORSTORE_WRITE_RETRIES) {
+                KIV_LOGE("TAV_SENSORSTORE write MAX_SENSORSTORE_WRITE_RETRIES = %d has finished on fd = %d ",
+                         MAX_SENSORSTORE_WRITE_RETRIES, fd);
+                return -error;
+            }
+            usleep(SNS_SENSORSTORE_WRITE_RETRY_US);
+            continue;
+        }
+        result = static_cast<int>(written);
+        if (written == 0) break;
+        remaining -= static_cast<uint32_t>(written);
+        total += static_cast<uint32_t>(written);
+        buf += written;
+        KIV_LOGD("TAV_SENSORSTORE partial bytes written= %d", result);
+    }
+    KIV_LOGD("TAV_SENSORSTORE complete bytes written= %d", total);
+    return result;
+}

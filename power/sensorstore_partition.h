@@ -1,0 +1,97 @@
+#pragma once
+
+// Layout of the sensorstore partition and the bounded pieces the connection
+// uses to read it. The partition is written by the sensor core and trusted by
+// nothing here: every read is checked against what is mapped.
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "sns_ducto_packet.h"
+
+constexpr char SNS_SENSORSTORE_PARTITION[] = "/dev/block/bootdevice/by-name/sensorstore";
+
+// Bytes the core has written (header included), and the field this library
+// sets to 1 once it has consumed them.
+struct __attribute__((packed)) sns_sensorstore_hdr {
+    uint32_t data_len;
+    uint32_t reset_data_len;
+};
+constexpr uint32_t SNS_SENSORSTORE_HDR_LEN = sizeof(sns_sensorstore_hdr);
+constexpr uint32_t SNS_SENSORSTORE_RESET_DONE = 1;
+
+// Each record: the channel hash, then one channel packet.
+constexpr uint32_t SNS_SENSORSTORE_RECORD_HASH_LEN = sizeof(uint32_t);
+constexpr uint32_t SNS_SENSORSTORE_CHANNEL_HASH_SEED = 0x1234;
+
+constexpr int MAX_SENSORSTORE_WRITE_RETRIES = 10;
+constexpr unsigned int SNS_SENSORSTORE_WRITE_RETRY_US = 50000;
+
+// Seed plus i * name[i] over the first `len` characters up to a NUL; the
+// first character never counts.
+uint32_t sensorstore_channel_hash(const char* name, uint8_t len);
+
+// Size of the partition behind `fd`, or -1 when it cannot be told.
+off_t sensorstore_partition_size(int fd);
+
+// Owns a descriptor of the partition. close() reports the result so the
+// caller can log it; the destructor closes silently on early exits.
+class sensorstore_fd {
+public:
+    explicit sensorstore_fd(int fd) : _fd(fd) {}
+    ~sensorstore_fd();
+    sensorstore_fd(const sensorstore_fd&) = delete;
+    sensorstore_fd& operator=(const sensorstore_fd&) = delete;
+
+    int get() const { return _fd; }
+    // 0 or -1 with errno, as close(2).
+    int close();
+
+private:
+    int _fd;
+};
+
+// A shared read-write mapping of the partition's first bytes.
+class sensorstore_mapping {
+public:
+    sensorstore_mapping(int fd, size_t size);
+    ~sensorstore_mapping();
+    sensorstore_mapping(const sensorstore_mapping&) = delete;
+    sensorstore_mapping& operator=(const sensorstore_mapping&) = delete;
+
+    bool valid() const { return _base != nullptr; }
+    uint8_t* data() const { return _base; }
+    size_t size() const { return _size; }
+    // 0 or -1 with errno, as munmap(2).
+    int unmap();
+
+private:
+    uint8_t* _base;
+    size_t _size;
+};
+
+// One stored record as found at `offset`.
+struct sensorstore_record {
+    uint32_t channel_hash;
+    uint16_t msg_id;
+    uint16_t pkt_len;
+    const uint8_t* packet;
+    size_t packet_readable;  // bytes from the packet's start to the end of what may be read
+};
+
+enum class sensorstore_record_status {
+    ok,
+    head_out_of_bounds,    // the hash or the packet head is not readable
+    packet_too_short,      // the length does not even cover the packet head
+    packet_out_of_bounds,  // the packet runs past what may be read
+};
+
+// Reads the record at `offset` of an area of which `readable` bytes may be read.
+sensorstore_record_status read_sensorstore_record(const uint8_t* area, size_t readable,
+                                                  uint32_t offset, sensorstore_record* record);
+
+// Copies a whole channel packet from the record's start, as far as it is
+// readable; the rest of `out` is zeroed.
+void copy_sensorstore_packet(const sensorstore_record& record, sns_ducto_packet* out);
