@@ -1,0 +1,207 @@
+// Cost of reading a large OEM configuration and of answering every capability
+// query once against it, with the heap the parse needs.
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <sstream>
+#include <string>
+
+#include "kiv_log.h"
+#include "kiv_sensor_factory.h"
+#include "kiv_types.h"
+#include "kivhal/platform.h"
+#include "test_support.h"
+
+namespace kt = vendor::zep::hardware::kiv_types;
+
+namespace {
+
+constexpr int kDataTypes = 2000;
+constexpr int kExercises = 200;
+constexpr int kDataTypesPerSensor = 10;
+constexpr int kSensorTypes = kDataTypes / kDataTypesPerSensor;
+// One sensor type in this many has no attributes, so filtering has work to do.
+constexpr int kSilentSensorEvery = 4;
+constexpr int kStartTypesPerExercise = 3;
+constexpr int kFirstDataType = 0x100000;
+constexpr const char* kConfigPath = "/vendor/etc/sensors/oem_config.xml";
+
+// Live and peak heap bytes of the whole process, for the memory counters.
+std::atomic<size_t> g_live_bytes{0};
+std::atomic<size_t> g_peak_bytes{0};
+
+void note_allocation(size_t size) {
+    size_t live = g_live_bytes.fetch_add(size, std::memory_order_relaxed) + size;
+    size_t peak = g_peak_bytes.load(std::memory_order_relaxed);
+    while (live > peak && !g_peak_bytes.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
+    }
+}
+
+std::string hex_value(int index) {
+    std::ostringstream text;
+    text << "0x" << std::hex << (kFirstDataType + index);
+    return text.str();
+}
+
+std::string sensor_name(int index) { return "sensor_" + std::to_string(index % kSensorTypes); }
+
+std::string threshold_xml(int index) {
+    switch (index % 3) {
+        case 0:
+            return R"(<threshold type="int" type_value=")" + std::to_string(index) +
+                   R"(" comparison_type="GREATER_THAN_OR_EQUAL"/>)";
+        case 1:
+            return R"(<threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/>)";
+        default:
+            return R"(<threshold type="byte" type_value="ABCDEFGH" comparison_type="LESS_THAN_OR_EQUAL"/>)";
+    }
+}
+
+std::string generate_config() {
+    std::ostringstream xml;
+    xml << "<?xml version=\"1.0\"?>\n<configuration type=\"KIV_oem_datatype\">\n<datatypes>\n";
+    for (int i = 0; i < kDataTypes; ++i) {
+        xml << "<datatype sensor_type=\"" << sensor_name(i) << "\" type=\"type_" << i
+            << "\" data_type_value=\"" << hex_value(i) << "\"/>\n";
+    }
+    xml << "</datatypes>\n<goals>\n";
+    for (int i = 0; i < kDataTypes; ++i) {
+        xml << "<goal data_type_value=\"" << hex_value(i) << "\">" << threshold_xml(i)
+            << threshold_xml(i + 1) << "</goal>\n";
+    }
+    xml << "</goals>\n<autoExerciseType>\n";
+    for (int e = 0; e < kExercises; ++e) {
+        xml << "<exercisetype type=\"exercise_" << e << "\" sensor_type=\"" << sensor_name(e)
+            << "\" exercise_num=\"" << e << "\" auto_start=\"" << (e % 2 == 0) << "\" auto_stop=\""
+            << (e % 3 == 0) << "\" auto_pause=\"true\">";
+        for (int k = 0; k < kStartTypesPerExercise; ++k) {
+            xml << "<datatype type=\"TYPE_" << (e * kStartTypesPerExercise + k) << "\"/>";
+        }
+        xml << "</exercisetype>\n";
+    }
+    xml << "</autoExerciseType>\n</configuration>\n";
+    return xml.str();
+}
+
+class catalogue_fixture {
+public:
+    catalogue_fixture() {
+        root.write_file(kConfigPath, generate_config());
+        path = kivhal::platform::resolve_path(kConfigPath);
+    }
+
+    static void reset_tables() {
+        kt::dataTypeMap.clear();
+        kt::exerTypeMap.clear();
+    }
+
+    static void discover(kiv_sensor_factory& factory) {
+        for (int s = 0; s < kSensorTypes; ++s) {
+            const sensor_uid suid = {static_cast<uint64_t>(s), static_cast<uint64_t>(s)};
+            factory.suidMap[sensor_name(s)] = {suid};
+            if (s % kSilentSensorEvery != 0) factory.attributesMap.emplace(suid, sensor_attributes());
+        }
+    }
+
+    kivhal::test::scoped_root root;
+    std::string path;
+};
+
+catalogue_fixture& fixture() {
+    static catalogue_fixture* f = new catalogue_fixture();
+    return *f;
+}
+
+long max_rss_kb() {
+    struct rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+void BM_ParseConfig(benchmark::State& state) {
+    catalogue_fixture& f = fixture();
+    const long rss_before = max_rss_kb();
+    size_t peak_heap = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        catalogue_fixture::reset_tables();
+        kiv_sensor_factory factory;
+        const size_t baseline = g_live_bytes.load();
+        g_peak_bytes.store(baseline);
+        state.ResumeTiming();
+
+        benchmark::DoNotOptimize(factory.parseOEMConfig(f.path.c_str()));
+
+        state.PauseTiming();
+        peak_heap = std::max(peak_heap, g_peak_bytes.load() - baseline);
+        state.ResumeTiming();
+    }
+    state.counters["rows"] = static_cast<double>(kt::dataTypeMap.size());
+    state.counters["peak_heap_bytes"] = static_cast<double>(peak_heap);
+    state.counters["maxrss_delta_kb"] = static_cast<double>(max_rss_kb() - rss_before);
+}
+BENCHMARK(BM_ParseConfig)->Unit(benchmark::kMillisecond);
+
+void run_every_query(kiv_sensor_factory& factory) {
+    benchmark::DoNotOptimize(factory.listAvailableSensorTypes());
+    benchmark::DoNotOptimize(factory.getSupportedMetricsTypes());
+    benchmark::DoNotOptimize(factory.getSupportedGoals());
+    kt::DataTypeGoal goal{};
+    goal.dataType = static_cast<kt::DataType>(kFirstDataType);
+    goal.comparisonType = kt::GOAL_GREATER_THAN_OR_EQUAL;
+    benchmark::DoNotOptimize(factory.isGoalSupported(goal));
+    benchmark::DoNotOptimize(factory.getAutoStartList());
+    benchmark::DoNotOptimize(factory.getAutoStopList());
+    benchmark::DoNotOptimize(factory.getAutoPauseList());
+    factory.setSensorAvailabilityStatus(sensor_name(1), true);
+    benchmark::DoNotOptimize(factory.getSensorAvailabilityStatus(sensor_name(1)));
+    benchmark::DoNotOptimize(factory.getAllDatatypes(sensor_name(1)));
+}
+
+void BM_QuerySet(benchmark::State& state) {
+    catalogue_fixture& f = fixture();
+    catalogue_fixture::reset_tables();
+    kiv_sensor_factory factory;
+    if (!factory.parseOEMConfig(f.path.c_str())) {
+        state.SkipWithError("configuration did not parse");
+        return;
+    }
+    catalogue_fixture::discover(factory);
+    size_t peak_heap = 0;
+    for (auto _ : state) {
+        const size_t baseline = g_live_bytes.load();
+        g_peak_bytes.store(baseline);
+        run_every_query(factory);
+        peak_heap = std::max(peak_heap, g_peak_bytes.load() - baseline);
+    }
+    state.counters["goals"] = static_cast<double>(factory.getSupportedGoals().size());
+    state.counters["peak_heap_bytes"] = static_cast<double>(peak_heap);
+}
+BENCHMARK(BM_QuerySet)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+// Counting global allocator: the library's allocations land here too.
+void* operator new(size_t size) {
+    void* p = malloc(size == 0 ? 1 : size);
+    if (p == nullptr) throw std::bad_alloc();
+    note_allocation(malloc_usable_size(p));
+    return p;
+}
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete(void* p) noexcept {
+    if (p == nullptr) return;
+    g_live_bytes.fetch_sub(malloc_usable_size(p), std::memory_order_relaxed);
+    free(p);
+}
+void operator delete[](void* p) noexcept { operator delete(p); }
+void operator delete(void* p, size_t) noexcept { operator delete(p); }
+void operator delete[](void* p, size_t) noexcept { operator delete(p); }
+
+BENCHMARK_MAIN();
