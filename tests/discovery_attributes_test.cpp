@@ -123,6 +123,7 @@ protected:
     void SetUp() override {
         kiv_log::set_level(kiv_log::VERBOSE);
         kivhal::host::clear_captured_log();
+        kivhal::test::reset_discovery_state();
         kiv_sensor_factory::tavInterface = &core;
     }
 

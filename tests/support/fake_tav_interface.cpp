@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "kiv_sensor_factory.h"
+#include "kiv_types.h"
+
 namespace kivhal {
 namespace test {
 
@@ -233,6 +236,17 @@ std::string fake_tav_interface::make_event_msg(
         event->set_payload(payload);
     }
     return msg.SerializeAsString();
+}
+
+void reset_discovery_state() {
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kiv_sensor_factory::tavInterface = nullptr;
+    mandatorySensors.clear();
+    mandatoryFound.clear();
+    num_mandatory_sns = 0;
+    allMandatoryFound = false;
+    vendor::zep::hardware::kiv_types::dataTypeMap.clear();
+    vendor::zep::hardware::kiv_types::exerTypeMap.clear();
 }
 
 }  // namespace test

@@ -145,5 +145,9 @@ private:
     std::thread _thread;
 };
 
+// Puts discovery's process-wide state back to its load-time values, so test
+// cases that share a process start alike.
+void reset_discovery_state();
+
 }  // namespace test
 }  // namespace kivhal
