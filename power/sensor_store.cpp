@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "kiv_feature_flags.h"
 #include "kiv_log.h"
@@ -18,23 +17,10 @@
 
 namespace {
 
-std::string partition_path() {
-    return kivhal::platform::resolve_path(SNS_SENSORSTORE_PARTITION);
-}
-
-// The channel read rule of ducto_read takes header bytes 4-5 as a packet
-// length, so the header read may ask for that many bytes: give it room for
-// the largest, and say how many bytes the partition must hold for the read to
-// end.
-constexpr size_t kHeaderReadBufferLen = SNS_SENSORSTORE_HDR_LEN + UINT16_MAX;
-
-off_t header_read_needs(int fd) {
-    sns_sensorstore_hdr peek = {};
-    if (pread(fd, &peek, sizeof(peek), 0) != static_cast<ssize_t>(sizeof(peek))) {
-        return SNS_SENSORSTORE_HDR_LEN;
-    }
-    const off_t length_field = static_cast<uint16_t>(peek.reset_data_len & UINT16_MAX);
-    return length_field > SNS_SENSORSTORE_HDR_LEN ? length_field : SNS_SENSORSTORE_HDR_LEN;
+// A partition shorter than its header cannot be read or mapped safely: reads
+// at its end return nothing for ever, and mapped pages past it fault.
+bool holds_header(off_t partition_size) {
+    return partition_size < 0 || partition_size >= static_cast<off_t>(SNS_SENSORSTORE_HDR_LEN);
 }
 
 }  // namespace
@@ -60,7 +46,7 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
     const uint32_t emmc_byte_count = total_byte_count - shmem_byte_count;
     const uint32_t write_info_byte_count = emmc_byte_count + SNS_SENSORSTORE_HDR_LEN;
 
-    const int opened = ducto_open(partition_path());
+    const int opened = ducto_open(SNS_SENSORSTORE_PARTITION);
     if (opened < 0) {
         KIV_LOGE("TAV_SENSORSTORE open failed");
         throw ducto_error(opened, "TAV_SENSORSTORE open failed");
@@ -71,7 +57,7 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
     // Only what the partition really holds may be touched: a mapping past
     // the end of a file faults.
     const off_t partition_size = sensorstore_partition_size(fd.get());
-    if (partition_size >= 0 && partition_size < static_cast<off_t>(SNS_SENSORSTORE_HDR_LEN)) {
+    if (!holds_header(partition_size)) {
         KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than its header",
                  static_cast<long long>(partition_size));
         throw ducto_error(-EIO, "TAV_SENSORSTORE partition too small");
@@ -181,7 +167,7 @@ void tav_ducto::tav_update_sensorstore_header_reset_field(uint32_t value) {
         return;
     }
 
-    const int opened = ducto_open(partition_path());
+    const int opened = ducto_open(SNS_SENSORSTORE_PARTITION);
     if (opened < 0) {
         KIV_LOGE("TAV_SENSORSTORE open failure");
         throw ducto_error(opened, "TAV_SENSORSTORE open failure");
@@ -189,23 +175,19 @@ void tav_ducto::tav_update_sensorstore_header_reset_field(uint32_t value) {
     sensorstore_fd fd(opened);
     KIV_LOGD("TAV_SENSORSTORE open successful sns_str_fd(%d)", fd.get());
 
-    // A read that could not end on this partition counts as a failed read.
     const off_t partition_size = sensorstore_partition_size(fd.get());
-    const off_t needed = header_read_needs(fd.get());
+    sns_sensorstore_hdr header = {};
     int result = -EIO;
-    std::vector<uint8_t> buffer(kHeaderReadBufferLen, 0);
-    if (partition_size >= 0 && partition_size < needed) {
-        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is too small for a header read of %lld bytes",
-                 static_cast<long long>(partition_size), static_cast<long long>(needed));
+    if (!holds_header(partition_size)) {
+        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than its header",
+                 static_cast<long long>(partition_size));
     } else {
-        result = ducto_read(fd.get(), buffer.data(), SNS_SENSORSTORE_HDR_LEN);
+        result = ducto_read(fd.get(), reinterpret_cast<uint8_t*>(&header), sizeof(header));
     }
     if (result < 0) {
         KIV_LOGE("TAV_SENSORSTORE read failure");
         throw ducto_error(result, "TAV_SENSORSTORE read failure");
     }
-    sns_sensorstore_hdr header;
-    memcpy(&header, buffer.data(), sizeof(header));
     KIV_LOGD("TAV_SENSORSTORE sensorstore_hdr data_len(%d) reset_data_len(%d)", header.data_len,
              header.reset_data_len);
 
