@@ -55,7 +55,9 @@ public:
     void ducto_response_handler(sns_aon_client_resp_msg_v01* msg);
     void ducto_indication_handler(uint32_t msg_id, sns_ducto_packet packet);
     int update_suid(uint32_t ignored, sensor_uid& suid);
-    int trigger_event_cb(uint32_t ignored, tav_event_cb cb, uint64_t timestamp);
+    // The callback is taken by reference: copying a capturing callable on
+    // every report would allocate.
+    int trigger_event_cb(uint32_t ignored, const tav_event_cb& cb, uint64_t timestamp);
 
     // Client registry.
     void initialize_client_req_id_db();
@@ -84,7 +86,8 @@ private:
     std::vector<sensor_uid> _pending_resp_suids;
     std::mutex _s_mutex;
     uint32_t _max_err_cnt;
-    uint32_t g_ducto_err_cnt;
+    // Atomic: the reader thread resets it after every clean pass unlocked.
+    std::atomic<uint32_t> g_ducto_err_cnt;
     std::atomic<bool> _is_reconnecting;
     std::atomic<bool> _is_closing;
     std::mutex _suid_map_mutex;
@@ -92,7 +95,9 @@ private:
     std::vector<uint8_t> _free_client_req_ids;
     std::vector<uint8_t> _used_client_req_ids;
     // Guards the two maps below: clients register while the reader thread
-    // dispatches. Never held across a client callback.
+    // dispatches. Never held across a client callback; records are deleted
+    // only on the reader thread or after it stopped, so the reader may use a
+    // record it found after dropping the lock.
     std::mutex _cb_map_mutex;
     std::map<tav_register_cb*, sensor_uid> _cb_suid_map;
     std::map<uint8_t, sensor_uid> _clientreq_suid_map;

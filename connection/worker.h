@@ -34,6 +34,7 @@ private:
     pthread_t _thread;
     char _name[20];
     sns_wakelock* _wakelock;
+    bool _started;  // the thread exists and must be joined
 
     friend class tav_ducto;
 };
