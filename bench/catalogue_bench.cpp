@@ -188,6 +188,8 @@ BENCHMARK(BM_QuerySet)->Unit(benchmark::kMicrosecond);
 }  // namespace
 
 // Counting global allocator: the library's allocations land here too.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(size_t size) {
     void* p = malloc(size == 0 ? 1 : size);
     if (p == nullptr) throw std::bad_alloc();
@@ -203,5 +205,6 @@ void operator delete(void* p) noexcept {
 void operator delete[](void* p) noexcept { operator delete(p); }
 void operator delete(void* p, size_t) noexcept { operator delete(p); }
 void operator delete[](void* p, size_t) noexcept { operator delete(p); }
+#pragma GCC diagnostic pop
 
 BENCHMARK_MAIN();

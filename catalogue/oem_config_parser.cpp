@@ -212,9 +212,11 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
     }
     KIV_LOGD("XML Config File Opened");
 
+    const XMLElement* configuration = document.FirstChildElement("configuration");
+    if (configuration == nullptr) return false;
+
     std::unordered_set<std::string> sensorTypesFound;
-    for (const XMLElement* configuration = document.FirstChildElement("configuration");
-         configuration != nullptr;) {
+    while (configuration != nullptr) {
         const XMLElement* next = configuration->NextSiblingElement("configuration");
 
         KIV_LOGD("Parsing Datatypes");

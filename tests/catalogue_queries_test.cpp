@@ -144,7 +144,9 @@ TEST_F(CatalogueQueriesTest, SupportedGoalsOfAvailableSensorsWithTheirLogLines) 
     ASSERT_EQ(goals.size(), 5u);
     for (const kt::DataTypeGoal& goal : goals) {
         EXPECT_NE(goal.dataType, dt(0x1008));
-        if (goal.dataType == dt(kBytesType)) EXPECT_EQ(goal.threshold.bytesValue, kPattern);
+        if (goal.dataType == dt(kBytesType)) {
+            EXPECT_EQ(goal.threshold.bytesValue, kPattern);
+        }
     }
     EXPECT_TRUE(kivhal::test::log_contains(
             "Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0"));
