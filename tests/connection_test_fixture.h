@@ -39,7 +39,8 @@ inline bool eventually(const std::function<bool()>& condition,
     return true;
 }
 
-// What a sensor's callbacks received, in order.
+// What a sensor's callbacks received, in order. The callbacks share the
+// record, so they stay valid if the connection outlives this object.
 class callback_log {
 public:
     struct event {
@@ -48,41 +49,47 @@ public:
     };
 
     tav_resp_cb response_cb() {
-        return [this](uint32_t result, uint64_t client_id) {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _responses.emplace_back(result, client_id);
-            _changed.notify_all();
+        std::shared_ptr<state> s = _state;
+        return [s](uint32_t result, uint64_t client_id) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            s->responses.emplace_back(result, client_id);
+            s->changed.notify_all();
         };
     }
     tav_event_cb event_cb() {
-        return [this](const uint8_t* data, uint32_t len, uint64_t timestamp) {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _events.push_back({std::string(reinterpret_cast<const char*>(data), len), timestamp});
-            _changed.notify_all();
+        std::shared_ptr<state> s = _state;
+        return [s](const uint8_t* data, uint32_t len, uint64_t timestamp) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            s->events.push_back({std::string(reinterpret_cast<const char*>(data), len), timestamp});
+            s->changed.notify_all();
         };
     }
     bool wait_events(size_t count) {
-        std::unique_lock<std::mutex> lock(_mutex);
-        return _changed.wait_for(lock, kWait, [&] { return _events.size() >= count; });
+        std::unique_lock<std::mutex> lock(_state->mutex);
+        return _state->changed.wait_for(lock, kWait, [&] { return _state->events.size() >= count; });
     }
     bool wait_responses(size_t count) {
-        std::unique_lock<std::mutex> lock(_mutex);
-        return _changed.wait_for(lock, kWait, [&] { return _responses.size() >= count; });
+        std::unique_lock<std::mutex> lock(_state->mutex);
+        return _state->changed.wait_for(lock, kWait,
+                                        [&] { return _state->responses.size() >= count; });
     }
     std::vector<event> events() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _events;
+        std::lock_guard<std::mutex> lock(_state->mutex);
+        return _state->events;
     }
     std::vector<std::pair<uint32_t, uint64_t>> responses() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _responses;
+        std::lock_guard<std::mutex> lock(_state->mutex);
+        return _state->responses;
     }
 
 private:
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    std::vector<event> _events;
-    std::vector<std::pair<uint32_t, uint64_t>> _responses;
+    struct state {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<event> events;
+        std::vector<std::pair<uint32_t, uint64_t>> responses;
+    };
+    std::shared_ptr<state> _state = std::make_shared<state>();
 };
 
 class connection_test : public ::testing::Test {
