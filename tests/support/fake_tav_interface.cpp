@@ -94,9 +94,12 @@ void fake_tav_interface::answer(const fake_request& request) {
         std::lock_guard<std::mutex> lock(_mutex);
         auto type = _sensor_types.find(request.lookup.datatypename());
         if (type == _sensor_types.end()) return;
-        if (++type->second.lookups < type->second.answer_from) return;
+        const bool early = ++type->second.lookups < type->second.answer_from;
+        if (early && !type->second.empty_before) return;
         delivery item{std::chrono::steady_clock::now() + type->second.delay, 0, request.suid,
-                      make_lookup_event(type->first, type->second.suids), false};
+                      make_lookup_event(type->first, early ? std::vector<sensor_uid>{}
+                                                           : type->second.suids),
+                      false};
         item.sequence = _next_sequence++;
         _queue.push_back(std::move(item));
         _wake.notify_all();
@@ -118,9 +121,10 @@ void fake_tav_interface::answer(const fake_request& request) {
 
 void fake_tav_interface::add_sensor_type(const std::string& data_type,
                                          std::vector<sensor_uid> suids, int answer_from,
-                                         std::chrono::milliseconds delay) {
+                                         std::chrono::milliseconds delay, bool empty_before) {
     std::lock_guard<std::mutex> lock(_mutex);
     sensor_type& type = _sensor_types[data_type];
+    type.empty_before = empty_before;
     type.suids = std::move(suids);
     type.answer_from = answer_from;
     type.delay = delay;

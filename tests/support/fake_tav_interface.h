@@ -82,9 +82,11 @@ public:
     // --- Core behaviour ------------------------------------------------------
     // Lookups of `data_type` are answered with `suids` from the
     // `answer_from`-th lookup of that type on (1 = the first), `delay` later.
+    // Earlier lookups get no answer, or one without SUIDs when `empty_before`.
     void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
                          int answer_from = 1,
-                         std::chrono::milliseconds delay = std::chrono::milliseconds(0));
+                         std::chrono::milliseconds delay = std::chrono::milliseconds(0),
+                         bool empty_before = false);
     void set_attributes(sensor_uid suid, const sns_std_attr_event& attributes);
     // The `n`-th send_request (1 = the first) throws std::runtime_error.
     void throw_on_request(size_t n);
@@ -114,6 +116,7 @@ private:
         std::vector<sensor_uid> suids;
         int answer_from = 1;
         int lookups = 0;
+        bool empty_before = false;
         std::chrono::milliseconds delay{0};
     };
     struct delivery {
