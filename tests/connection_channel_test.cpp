@@ -207,6 +207,7 @@ TEST_F(connection_test, ErrorCounterIsResetAfterMoreThanTenConsecutiveErrors) {
     ASSERT_TRUE(accel.wait_events(1));
     EXPECT_EQ(1u, log_lines_containing("triggred ssr").size());
     EXPECT_TRUE(log_contains("triggred ssr g_ducto_err_cnt = 12"));
+    conn.reset();  // the hook refers to this scope
     kiv_log::set_level(kiv_log::INFO);
 }
 
@@ -228,6 +229,7 @@ TEST_F(connection_test, StrayByteOnTheWakeUpPipeDoesNotStopTheReader) {
     ASSERT_EQ(1, write(write_end, "x", 1));
     core->send_event(core_stub::make_event(kAccel, 1, "still reading"));
     EXPECT_TRUE(accel.wait_events(1));
+    conn.reset();  // the hook refers to this scope
 }
 
 TEST_F(connection_test, HangUpEndsTheProcessWithStatusOne) {
