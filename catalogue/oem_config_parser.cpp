@@ -1,6 +1,7 @@
 #include <tinyxml2.h>
 
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
@@ -48,7 +49,7 @@ bool equals(const char* text, const char* expected) {
 // Goal copies handed to the service share these arrays, so they live for the
 // whole process; the pool keeps them reachable rather than freeing them.
 uint8_t* allocate_byte_threshold(const char* text, size_t length) {
-    static auto* pool = new std::vector<std::unique_ptr<uint8_t[]>>();
+    static auto* pool = new std::deque<std::unique_ptr<uint8_t[]>>();
     pool->emplace_back(new uint8_t[length]);
     uint8_t* bytes = pool->back().get();
     memcpy(bytes, text, length);
