@@ -39,7 +39,8 @@ std::atomic<size_t> g_peak_bytes{0};
 void note_allocation(size_t size) {
     size_t live = g_live_bytes.fetch_add(size, std::memory_order_relaxed) + size;
     size_t peak = g_peak_bytes.load(std::memory_order_relaxed);
-    while (live > peak && !g_peak_bytes.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
+    while (live > peak &&
+           !g_peak_bytes.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
     }
 }
 
@@ -49,7 +50,9 @@ std::string hex_value(int index) {
     return text.str();
 }
 
-std::string sensor_name(int index) { return "sensor_" + std::to_string(index % kSensorTypes); }
+std::string sensor_name(int index) {
+    return "sensor_" + std::to_string(index % kSensorTypes);
+}
 
 std::string threshold_xml(int index) {
     switch (index % 3) {
@@ -57,9 +60,11 @@ std::string threshold_xml(int index) {
             return R"(<threshold type="int" type_value=")" + std::to_string(index) +
                    R"(" comparison_type="GREATER_THAN_OR_EQUAL"/>)";
         case 1:
-            return R"(<threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/>)";
+            return R"(<threshold type="float" type_value="1.5" )"
+                   R"(comparison_type="LESS_THAN_OR_EQUAL"/>)";
         default:
-            return R"(<threshold type="byte" type_value="ABCDEFGH" comparison_type="LESS_THAN_OR_EQUAL"/>)";
+            return R"(<threshold type="byte" type_value="ABCDEFGH" )"
+                   R"(comparison_type="LESS_THAN_OR_EQUAL"/>)";
     }
 }
 
@@ -105,7 +110,8 @@ public:
         for (int s = 0; s < kSensorTypes; ++s) {
             const sensor_uid suid = {static_cast<uint64_t>(s), static_cast<uint64_t>(s)};
             factory.suidMap[sensor_name(s)] = {suid};
-            if (s % kSilentSensorEvery != 0) factory.attributesMap.emplace(suid, sensor_attributes());
+            if (s % kSilentSensorEvery != 0)
+                factory.attributesMap.emplace(suid, sensor_attributes());
         }
     }
 
@@ -196,15 +202,23 @@ void* operator new(size_t size) {
     note_allocation(malloc_usable_size(p));
     return p;
 }
-void* operator new[](size_t size) { return operator new(size); }
+void* operator new[](size_t size) {
+    return operator new(size);
+}
 void operator delete(void* p) noexcept {
     if (p == nullptr) return;
     g_live_bytes.fetch_sub(malloc_usable_size(p), std::memory_order_relaxed);
     free(p);
 }
-void operator delete[](void* p) noexcept { operator delete(p); }
-void operator delete(void* p, size_t) noexcept { operator delete(p); }
-void operator delete[](void* p, size_t) noexcept { operator delete(p); }
+void operator delete[](void* p) noexcept {
+    operator delete(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    operator delete(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+    operator delete(p);
+}
 #pragma GCC diagnostic pop
 
 BENCHMARK_MAIN();

@@ -67,12 +67,13 @@ std::vector<kiv_sensor_factory::DataTypeGoal> kiv_sensor_factory::getSupportedGo
             const int value = static_cast<int>(goal.dataType);
             switch (kt::datatype_output_format(goal.dataType)) {
                 case kt::OUTPUT_FORMAT_INT:
-                    KIV_LOGD("Sensor = %s, DataType = %d, Threshold = %d, Comparison Type = %u", sensor,
-                             value, goal.threshold.intValue, goal.comparisonType);
+                    KIV_LOGD("Sensor = %s, DataType = %d, Threshold = %d, Comparison Type = %u",
+                             sensor, value, goal.threshold.intValue, goal.comparisonType);
                     break;
                 case kt::OUTPUT_FORMAT_FLOAT:
-                    KIV_LOGD("Sensor = %s, DataType = %d, Threshold = %f, Comparison Type = %u", sensor,
-                             value, static_cast<double>(goal.threshold.floatValue), goal.comparisonType);
+                    KIV_LOGD("Sensor = %s, DataType = %d, Threshold = %f, Comparison Type = %u",
+                             sensor, value, static_cast<double>(goal.threshold.floatValue),
+                             goal.comparisonType);
                     break;
                 case kt::OUTPUT_FORMAT_BYTES:
                     KIV_LOGD("Sensor = %s, DataType = %d, Comparison Type = %u", sensor, value,
@@ -163,7 +164,8 @@ bool kiv_sensor_factory::getSensorAvailabilityStatus(std::string sensorType) {
     return false;
 }
 
-std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getAllDatatypes(std::string sensorType) {
+std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getAllDatatypes(
+        std::string sensorType) {
     std::vector<DataType> types;
     for (const auto& [type, row] : kt::dataTypeMap) {
         if (row.sensorType == sensorType && row.available) types.push_back(type);

@@ -60,7 +60,9 @@ std::string kiv_sensor_factory::getSensorType(uint32_t type, bool isExercise) {
     return kt::dataTypeMap[static_cast<DataType>(key)].sensorType;
 }
 
-bool kiv_sensor_factory::isSampleDataType(DataType type) { return kt::dataTypeMap[type].isSample; }
+bool kiv_sensor_factory::isSampleDataType(DataType type) {
+    return kt::dataTypeMap[type].isSample;
+}
 
 int32_t kiv_sensor_factory::hexStrToDec(const char* text) {
     if (text == nullptr) {

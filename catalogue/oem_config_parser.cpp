@@ -130,7 +130,8 @@ void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const ch
     row.isSample = equals(configurationType, kSampleConfigurationType);
     row.isOem = equals(configurationType, kOemConfigurationType);
     row.available = true;
-    const auto key = static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
+    const auto key =
+            static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
     kt::dataTypeMap.insert_or_assign(key, std::move(row));
 }
 
@@ -155,8 +156,8 @@ void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
 }
 
 void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInfo* row) {
-    for (const XMLElement* threshold = goalElement.FirstChildElement("threshold"); threshold != nullptr;
-         threshold = threshold->NextSiblingElement("threshold")) {
+    for (const XMLElement* threshold = goalElement.FirstChildElement("threshold");
+         threshold != nullptr; threshold = threshold->NextSiblingElement("threshold")) {
         kt::DataTypeGoal goal{};
         goal.dataType = key;
         const bool typed = read_threshold_value(*threshold, &goal);
@@ -170,7 +171,8 @@ void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInf
 void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals) {
     for (const XMLElement* goal = goals.FirstChildElement("goal"); goal != nullptr;
          goal = goal->NextSiblingElement("goal")) {
-        const auto key = static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
+        const auto key =
+                static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
         auto row = kt::dataTypeMap.find(key);
         if (row == kt::dataTypeMap.end()) continue;
         parse_goal(key, *goal, &row->second);
@@ -226,7 +228,8 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                 datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
         if (firstDatatype == nullptr && next == nullptr && kt::dataTypeMap.empty()) return false;
         if (firstDatatype != nullptr) {
-            parse_datatypes(*this, firstDatatype, configuration->Attribute("type"), &sensorTypesFound);
+            parse_datatypes(*this, firstDatatype, configuration->Attribute("type"),
+                            &sensorTypesFound);
         }
 
         KIV_LOGD("Parsing Goals");
@@ -256,7 +259,8 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                     }
                 }
                 KIV_LOGD("Adding exercise %d in exerMap", number);
-                kt::exerTypeMap.insert_or_assign(static_cast<ExerciseType>(number), std::move(exercise));
+                kt::exerTypeMap.insert_or_assign(static_cast<ExerciseType>(number),
+                                                 std::move(exercise));
             }
             KIV_LOGD("AutoExerciseMap Size = %d", static_cast<int>(kt::exerTypeMap.size()));
         }

@@ -15,16 +15,18 @@
 // tool, and deliberately not exercised here.
 
 namespace kt = vendor::zep::hardware::kiv_types;
-using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 using kivhal::test::log_contains;
 using kivhal::test::log_lines_containing;
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
 
 namespace {
 
 constexpr const char* kConfigPath = "/vendor/etc/sensors/oem_config.xml";
 
-kt::DataType dt(int32_t value) { return static_cast<kt::DataType>(value); }
+kt::DataType dt(int32_t value) {
+    return static_cast<kt::DataType>(value);
+}
 
 std::string datatype(const char* sensor, const char* type, const char* value) {
     return std::string("<datatype sensor_type=\"") + sensor + "\" type=\"" + type +
@@ -63,12 +65,13 @@ protected:
 };
 
 TEST_F(CatalogueParserTest, RowsFollowTheirOwnConfigurationAndSensorTypesAppendOnce) {
-    ASSERT_TRUE(parse("<?xml version=\"1.0\"?><configuration type=\"KIV_sample_datatype\"><datatypes>" +
-                      datatype("steps", "steps", "0x1000") + datatype("steps", "dist", "0x1002") +
-                      "</datatypes></configuration><configuration type=\"KIV_oem_datatype\"><datatypes>" +
-                      datatype("Heart", "Heart_bpm", "0x1001") +
-                      "</datatypes></configuration><configuration type=\"other\"><datatypes>" +
-                      datatype("spo2", "spo2", "0x2") + "</datatypes></configuration>"));
+    ASSERT_TRUE(parse(
+            "<?xml version=\"1.0\"?><configuration type=\"KIV_sample_datatype\"><datatypes>" +
+            datatype("steps", "steps", "0x1000") + datatype("steps", "dist", "0x1002") +
+            "</datatypes></configuration><configuration type=\"KIV_oem_datatype\"><datatypes>" +
+            datatype("Heart", "Heart_bpm", "0x1001") +
+            "</datatypes></configuration><configuration type=\"other\"><datatypes>" +
+            datatype("spo2", "spo2", "0x2") + "</datatypes></configuration>"));
 
     EXPECT_TRUE(row(0x1000).isSample && !row(0x1000).isOem);
     EXPECT_TRUE(!row(0x1001).isSample && row(0x1001).isOem);
@@ -79,9 +82,11 @@ TEST_F(CatalogueParserTest, RowsFollowTheirOwnConfigurationAndSensorTypesAppendO
     EXPECT_EQ(log_lines_containing("parseOEMConfig:").size(), 1u + 3 * 3);
 
     ASSERT_EQ(factory.discoveryList.size(), 5u);
-    EXPECT_THAT(std::vector<std::string>(factory.discoveryList.begin(), factory.discoveryList.begin() + 2),
+    EXPECT_THAT(std::vector<std::string>(factory.discoveryList.begin(),
+                                         factory.discoveryList.begin() + 2),
                 ElementsAre("health", "health_async_announce"));
-    EXPECT_THAT(std::vector<std::string>(factory.discoveryList.begin() + 2, factory.discoveryList.end()),
+    EXPECT_THAT(std::vector<std::string>(factory.discoveryList.begin() + 2,
+                                         factory.discoveryList.end()),
                 UnorderedElementsAre("steps", "Heart", "spo2"));
 }
 
@@ -92,11 +97,12 @@ TEST_F(CatalogueParserTest, GoalsOfKnownDataTypesByThresholdKind) {
             "<configuration type=\"KIV_oem_datatype\"><datatypes>" + datatype("a", "a", "0x1000") +
             datatype("b", "b", "0x10000") + datatype("c", "c", "0x1001") +
             "</datatypes><goals><goal data_type_value=\"0x1008\">" + threshold("int", "1", ge) +
-            "</goal><goal datatype=\"a\" data_type_value=\"0x1000\">" + threshold("integer", "5000", ge) +
-            threshold("int", "-3", "LESS_THAN_OR_EQUAL_TO") + threshold("int", "7", "EQUAL") +
-            threshold("double", "7", le) + threshold("in", "7", le) +
-            "</goal><goal data_type_value=\"0x10000\">" + threshold("byte", "AB", ge) +
-            threshold("bytes", "123", le) + threshold("byte", "Z", "less_than_or_equal") +
+            "</goal><goal datatype=\"a\" data_type_value=\"0x1000\">" +
+            threshold("integer", "5000", ge) + threshold("int", "-3", "LESS_THAN_OR_EQUAL_TO") +
+            threshold("int", "7", "EQUAL") + threshold("double", "7", le) +
+            threshold("in", "7", le) + "</goal><goal data_type_value=\"0x10000\">" +
+            threshold("byte", "AB", ge) + threshold("bytes", "123", le) +
+            threshold("byte", "Z", "less_than_or_equal") +
             "</goal><goal data_type_value=\"0x1001\">" + threshold("float", "2.5", le) +
             threshold("float", "abc", ge) + "</goal></goals></configuration>" +
             "<configuration type=\"KIV_oem_datatype\"><datatypes>" + datatype("d", "d", "0x1008") +
@@ -126,14 +132,16 @@ TEST_F(CatalogueParserTest, GoalsOfKnownDataTypesByThresholdKind) {
 }
 
 TEST_F(CatalogueParserTest, RedefinitionOverwritesRowAndClearsGoals) {
-    ASSERT_TRUE(parse("<configuration type=\"KIV_sample_datatype\"><datatypes>" + datatype("old", "old", "0x1000") +
+    ASSERT_TRUE(parse("<configuration type=\"KIV_sample_datatype\"><datatypes>" +
+                      datatype("old", "old", "0x1000") +
                       "</datatypes><goals><goal data_type_value=\"0x1000\">" +
-                      threshold("int", "1", "LESS_THAN_OR_EQUAL") + "</goal></goals></configuration>"));
+                      threshold("int", "1", "LESS_THAN_OR_EQUAL") +
+                      "</goal></goals></configuration>"));
     factory.setSensorAvailabilityStatus("old", false);
     ASSERT_TRUE(row(0x1000).goalSupported);
 
-    ASSERT_TRUE(parse("<configuration type=\"KIV_oem_datatype\"><datatypes>" + datatype("new", "new", "0x1000") +
-                      "</datatypes></configuration>"));
+    ASSERT_TRUE(parse("<configuration type=\"KIV_oem_datatype\"><datatypes>" +
+                      datatype("new", "new", "0x1000") + "</datatypes></configuration>"));
     EXPECT_EQ(row(0x1000).sensorType, "new");
     EXPECT_TRUE(row(0x1000).goals.empty());
     EXPECT_FALSE(row(0x1000).goalSupported || row(0x1000).isSample);
@@ -142,8 +150,9 @@ TEST_F(CatalogueParserTest, RedefinitionOverwritesRowAndClearsGoals) {
 }
 
 TEST_F(CatalogueParserTest, ExercisesCollectEveryMatchingDataTypeOnlyWhenAutoStart) {
-    ASSERT_TRUE(parse("<configuration type=\"KIV_oem_datatype\"><datatypes>" + datatype("w", "Walking", "0x1000") +
-                      datatype("w2", "WALKING", "0x1008") + datatype("r", "RUNNING", "0x1009") +
+    ASSERT_TRUE(parse("<configuration type=\"KIV_oem_datatype\"><datatypes>" +
+                      datatype("w", "Walking", "0x1000") + datatype("w2", "WALKING", "0x1008") +
+                      datatype("r", "RUNNING", "0x1009") +
                       R"(</datatypes><autoExerciseType>
       <exercisetype type="walk" sensor_type="ex" exercise_num="3" auto_start="true" auto_stop="1">
         <datatype type="walking"/><datatype type="swimming"/><datatype/></exercisetype>
@@ -167,9 +176,10 @@ TEST_F(CatalogueParserTest, ExercisesCollectEveryMatchingDataTypeOnlyWhenAutoSta
     EXPECT_TRUE(exercise(4).autoStartDataTypes.empty());
     EXPECT_EQ(exercise(9).typeName, "SECOND");
     EXPECT_TRUE(exercise(9).autoPause && !exercise(9).autoStart);
-    EXPECT_THAT(log_lines_containing("AutoExerciseMap Size = "),
-                ElementsAre(testing::Field(&kivhal::host::log_line::text, testing::EndsWith("= 3")),
-                            testing::Field(&kivhal::host::log_line::text, testing::EndsWith("= 3"))));
+    EXPECT_THAT(
+            log_lines_containing("AutoExerciseMap Size = "),
+            ElementsAre(testing::Field(&kivhal::host::log_line::text, testing::EndsWith("= 3")),
+                        testing::Field(&kivhal::host::log_line::text, testing::EndsWith("= 3"))));
 }
 
 TEST_F(CatalogueParserTest, LoadFailuresAndMissingDataTypesReturnFalse) {
@@ -197,9 +207,10 @@ TEST_F(CatalogueParserTest, LoadFailuresAndMissingDataTypesReturnFalse) {
 
 TEST_F(CatalogueParserTest, DataTypeWithoutValueEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(parse("<configuration type=\"t\"><datatypes><datatype sensor_type=\"s\" type=\"t\"/>"
-                       "</datatypes></configuration>"),
-                 "");
+    EXPECT_DEATH(
+            parse("<configuration type=\"t\"><datatypes><datatype sensor_type=\"s\" type=\"t\"/>"
+                  "</datatypes></configuration>"),
+            "");
 }
 
 }  // namespace

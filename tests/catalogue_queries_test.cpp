@@ -11,18 +11,22 @@
 #include "test_support.h"
 
 namespace kt = vendor::zep::hardware::kiv_types;
+using kivhal::test::log_contains;
+using kivhal::test::log_lines_containing;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
-using kivhal::test::log_contains;
-using kivhal::test::log_lines_containing;
 
 namespace {
 
-kt::DataType dt(int32_t value) { return static_cast<kt::DataType>(value); }
-kt::ExerciseType ex(int32_t value) { return static_cast<kt::ExerciseType>(value); }
+kt::DataType dt(int32_t value) {
+    return static_cast<kt::DataType>(value);
+}
+kt::ExerciseType ex(int32_t value) {
+    return static_cast<kt::ExerciseType>(value);
+}
 
 // Data types of the formats the catalogue interprets, and one it does not.
 constexpr int32_t kInt = 0x1000;
@@ -55,7 +59,8 @@ kt::DataTypeGoal pattern_goal(uint32_t comparison) {
     return g;
 }
 
-void add_row(int32_t type, const std::string& sensorType, std::vector<kt::DataTypeGoal> goals = {}) {
+void add_row(int32_t type, const std::string& sensorType,
+             std::vector<kt::DataTypeGoal> goals = {}) {
     kt::dataTypeInfo& row = kt::dataTypeMap[dt(type)];
     row.sensorType = sensorType;
     row.goalSupported = !goals.empty();
@@ -63,7 +68,8 @@ void add_row(int32_t type, const std::string& sensorType, std::vector<kt::DataTy
     row.available = true;
 }
 
-void add_exercise(int32_t number, const std::string& sensorType, bool start, bool stop, bool pause) {
+void add_exercise(int32_t number, const std::string& sensorType, bool start, bool stop,
+                  bool pause) {
     kt::exerTypeInfo& exercise = kt::exerTypeMap[ex(number)];
     exercise.typeName = "EX" + std::to_string(number);
     exercise.sensorType = sensorType;
@@ -82,7 +88,8 @@ protected:
         kivhal::host::clear_captured_log();
         const sensor_uid steps = {1, 1}, heart = {2, 2}, heart2 = {2, 3}, silent = {3, 3};
         factory.suidMap = {{"steps", {steps}}, {"heart", {heart, heart2}}, {"silent", {silent}}};
-        for (const sensor_uid& suid : {steps, heart, heart2}) factory.attributesMap.emplace(suid, sensor_attributes());
+        for (const sensor_uid& suid : {steps, heart, heart2})
+            factory.attributesMap.emplace(suid, sensor_attributes());
     }
     void TearDown() override { clear_tables(); }
     static void clear_tables() {
@@ -102,7 +109,8 @@ TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
 
     EXPECT_THAT(factory.listAvailableSensorTypes(), UnorderedElementsAre("steps", "heart"));
     EXPECT_EQ(log_lines_containing("listAvailableSensorTypes:").size(), 3u);  // once per SUID
-    EXPECT_THAT(factory.getSupportedMetricsTypes(), UnorderedElementsAre(dt(kInt), dt(kFloat), dt(0x1008)));
+    EXPECT_THAT(factory.getSupportedMetricsTypes(),
+                UnorderedElementsAre(dt(kInt), dt(kFloat), dt(0x1008)));
     EXPECT_TRUE(log_contains("getSupportedMetricsTypes:") && log_contains(", steps : 4096"));
 
     EXPECT_FALSE(factory.getSensorAvailabilityStatus("heart"));
@@ -131,8 +139,10 @@ TEST_F(CatalogueQueriesTest, SupportedGoalsOfAvailableSensorsWithTheirLogLines) 
             EXPECT_EQ(g.threshold.bytesValue, kPattern);  // shared, not copied
         }
     }
-    EXPECT_TRUE(log_contains("Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0"));
-    EXPECT_TRUE(log_contains("Sensor = heart, DataType = 4097, Threshold = 1.500000, Comparison Type = 1"));
+    EXPECT_TRUE(
+            log_contains("Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0"));
+    EXPECT_TRUE(log_contains(
+            "Sensor = heart, DataType = 4097, Threshold = 1.500000, Comparison Type = 1"));
     EXPECT_TRUE(log_contains("Sensor = heart, DataType = 65536, Comparison Type = 0"));
     const auto bytes = log_lines_containing("byteArrayThreshold[");
     ASSERT_EQ(bytes.size(), 3u);
@@ -187,7 +197,8 @@ TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailabil
     for (const kt::AutoStartCapability& capability : factory.getAutoStartList()) {
         start[capability.exerciseType] = capability.dataTypes;
     }
-    EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(kInt), dt(kFloat))), Pair(ex(2), IsEmpty())));
+    EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(kInt), dt(kFloat))),
+                                   Pair(ex(2), IsEmpty())));
     EXPECT_TRUE(log_contains("Exercise Type : 2 "));
 
     EXPECT_THAT(factory.getAutoStopList(), ElementsAre(ex(1)));
