@@ -188,7 +188,8 @@ void fake_tav_interface::run() {
             return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
         });
         if (next->due > std::chrono::steady_clock::now()) {
-            _wake.wait_until(lock, next->due);
+            const auto due = next->due;  // the queue may grow while waiting
+            _wake.wait_until(lock, due);
             continue;
         }
         delivery item = std::move(*next);
