@@ -160,19 +160,4 @@ TEST_F(SuidLookupTest, LaterBootCountsListedNamesOnce) {
     EXPECT_EQ(mandatorySensors.size(), 2u);
 }
 
-TEST_F(SuidLookupTest, LaterBootUnlistedNameGrowsTheListAndBlocksCompletion) {
-    mandatorySensors = {"a", "b"};
-    mandatoryFound = {{"a", false}, {"b", false}};
-    answer("a", {{1, 1}});
-    answer("x", {{9, 9}});
-    answer("b", {{2, 1}});
-
-    EXPECT_EQ(factory.suidMap.count("x"), 1u);
-    EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "x"}));
-    EXPECT_EQ(mandatoryFound.count("x"), 0u);
-    EXPECT_EQ(num_mandatory_sns, 2u);
-    EXPECT_FALSE(allMandatoryFound.load());
-    EXPECT_TRUE(log_contains("laterboot datatype x write"));
-}
-
 }  // namespace
