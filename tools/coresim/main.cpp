@@ -1,0 +1,142 @@
+// kivhal-coresim: plays the sensor core on a host, so the library and
+// kivhal-info can run without a device.
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "kivhal/platform.h"
+#include "sensorstore_image.h"
+#include "simulated_core.h"
+#include "tool_cli.h"
+
+namespace {
+
+using namespace kivhal::tools;
+
+constexpr char kTool[] = "kivhal-coresim";
+constexpr uint64_t kMaxMs = 3600 * 1000;
+constexpr uint64_t kMaxSession = 255;
+
+constexpr char kUsage[] = R"(Usage: kivhal-coresim [OPTION]...
+Serves $KIVHAL_ROOT/dev/ductopkt_vorla_<channel> like the sensor core until
+SIGINT or SIGTERM: answers lookups, attribute and disable requests (one
+response per request, in order) and streams reports for every sensor that got
+any other request until it is disabled. It offers "registry", "health",
+"health_async_announce" and one sensor per sensor type of the configuration.
+
+  --root DIR            device root to serve under (default: $KIVHAL_ROOT)
+  --channel NAME        channel name (default: sensors)
+  --config FILE         OEM configuration (default: examples/oem_config.xml)
+  --delay-ms MS         send every answer MS milliseconds late
+  --silent TYPE         never answer lookups for TYPE (repeatable)
+  --no-registry         never answer lookups for "registry"
+  --restart-after S     close the channel S seconds after each connection
+  --low-power LIST      low-power indications after each connection:
+                        MS:on|off[:SESSION],... (session 0 by default)
+  --write-info MS       write a sensorstore image under the root and send a
+                        write-info message MS milliseconds after each connection
+  --report-ms MS        period of streamed reports (default: 200)
+  --verbose             print one line per request handled
+  --help                show this help
+)";
+
+std::vector<low_power_event> parse_low_power(const std::string& list) {
+    std::vector<low_power_event> events;
+    std::stringstream items(list);
+    std::string item;
+    while (std::getline(items, item, ',')) {
+        std::stringstream fields(item);
+        std::string ms, state, session;
+        std::getline(fields, ms, ':');
+        std::getline(fields, state, ':');
+        std::getline(fields, session, ':');
+        if (state != "on" && state != "off") {
+            throw usage_error("option --low-power: '" + item + "' is not MS:on|off[:SESSION]");
+        }
+        low_power_event event;
+        event.after = std::chrono::milliseconds(parse_number("--low-power", ms, kMaxMs));
+        event.msg_id = state == "on" ? 1 : 0;
+        if (!session.empty()) {
+            event.session = static_cast<uint8_t>(parse_number("--low-power", session, kMaxSession));
+        }
+        events.push_back(event);
+    }
+    return events;
+}
+
+int run(int argc, char** argv) {
+    coresim_options options;
+    std::string root = getenv("KIVHAL_ROOT") ? getenv("KIVHAL_ROOT") : "";
+    std::string config = "examples/oem_config.xml";
+    arg_reader args(argc, argv);
+    while (!args.done()) {
+        const std::string arg = args.next();
+        if (arg == "--help") {
+            fputs(kUsage, stdout);
+            return 0;
+        } else if (arg == "--root") {
+            root = args.value();
+        } else if (arg == "--channel") {
+            options.channel = args.value();
+        } else if (arg == "--config") {
+            config = args.value();
+        } else if (arg == "--delay-ms") {
+            options.delay = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+        } else if (arg == "--silent") {
+            options.silent_types.insert(args.value());
+        } else if (arg == "--no-registry") {
+            options.registry_down = true;
+        } else if (arg == "--restart-after") {
+            options.restart_after = std::chrono::seconds(parse_number(arg, args.value(), kMaxMs));
+        } else if (arg == "--low-power") {
+            for (const auto& event : parse_low_power(args.value())) options.low_power.push_back(event);
+        } else if (arg == "--write-info") {
+            options.write_info = true;
+            options.write_info_after = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+        } else if (arg == "--report-ms") {
+            options.report_period = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+            if (options.report_period.count() == 0) throw usage_error("option --report-ms must be positive");
+        } else if (arg == "--verbose") {
+            options.verbose = true;
+        } else {
+            throw usage_error("unknown argument " + arg);
+        }
+    }
+    struct stat st;
+    if (root.empty()) throw usage_error("no root: pass --root DIR or set KIVHAL_ROOT");
+    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        throw usage_error("root " + root + " is not a directory");
+    }
+    if (options.channel.empty()) throw usage_error("option --channel needs a name");
+    setenv("KIVHAL_ROOT", root.c_str(), 1);
+
+    options.sensor_types = {"registry", "health", "health_async_announce"};
+    for (const auto& type : sensor_types_of_config(config)) options.sensor_types.push_back(type);
+    options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
+
+    // Signals are taken by sigwait below, never by the worker threads.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    simulated_core core(options);
+    printf("%s: serving %s with %zu sensors\n", kTool, core.socket_path().c_str(),
+           core.sensor_count());
+    fflush(stdout);
+    int signal_number = 0;
+    sigwait(&stop_signals, &signal_number);
+    printf("%s: stopped by signal %d\n", kTool, signal_number);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return run_tool(kTool, [&] { return run(argc, argv); });
+}

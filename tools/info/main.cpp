@@ -1,0 +1,199 @@
+// kivhal-info: plays the HAL service once. Connects to the sensor core, runs
+// discovery and prints what the core and the OEM configuration offer.
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <vector>
+
+#include "discovery_monitor.h"
+#include "discovery_report.h"
+#include "kiv_sensor_factory.h"
+#include "tav_interface.h"
+#include "tool_cli.h"
+
+#ifndef __ANDROID__
+#include "kivhal/host.h"
+#include "kivhal/platform.h"
+#endif
+
+namespace {
+
+using namespace kivhal::tools;
+
+constexpr char kTool[] = "kivhal-info";
+constexpr int kExitNothingFound = 1;
+constexpr char kConfigPath[] = "/vendor/etc/sensors/oem_config.xml";
+constexpr char kListPath[] = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
+constexpr const char* kWakeLockFiles[] = {"/sys/power/wake_lock", "/sys/power/wake_unlock"};
+
+constexpr char kUsage[] = R"(Usage: kivhal-info [OPTION]...
+Connects to the sensor core like the HAL service, runs discovery and prints
+every sensor type with its SUIDs and attributes, then the answer of every
+capability query. Progress goes to standard error while discovery waits.
+Exit status: 0 when discovery found at least one sensor, 1 when it found
+none, 2 on bad arguments or when the channel cannot be opened.
+
+  --channel NAME     channel name, /dev/ductopkt_vorla_NAME (default: sensors)
+  --json             print JSON instead of tables
+  --log-level LEVEL  print the library's log lines at LEVEL and above:
+                     silent, error, info, debug, verbose (default: error)
+  --quiet            no progress lines
+Host only (the device has its own filesystem and properties):
+  --root DIR         device root (sets KIVHAL_ROOT); it gets the persist and
+                     sysfs paths the library expects if they are missing
+  --config FILE      copy FILE to <root>/vendor/etc/sensors/oem_config.xml;
+                     without it the file already there is read
+  --first-boot       remove the persisted sensor list first
+  --property N=V     set a system property (repeatable), for example
+                     persist.vendor.kiv.ds_oda=true
+  --help             show this help
+)";
+
+struct info_options {
+    std::string channel = "sensors";
+    bool json = false;
+    bool progress = true;
+    kiv_log::log_level log_level = kiv_log::ERROR;
+    std::string root, config;
+    bool first_boot = false;
+    std::vector<std::pair<std::string, std::string>> properties;
+};
+
+kiv_log::log_level parse_level(const std::string& text) {
+    const std::pair<const char*, kiv_log::log_level> levels[] = {
+        {"silent", kiv_log::SILENT}, {"error", kiv_log::ERROR}, {"info", kiv_log::INFO},
+        {"debug", kiv_log::DEBUG},   {"verbose", kiv_log::VERBOSE}};
+    for (const auto& [name, level] : levels) {
+        if (text == name) return level;
+    }
+    throw usage_error("option --log-level: unknown level '" + text + "'");
+}
+
+info_options parse_options(int argc, char** argv, bool& help) {
+    info_options options;
+    arg_reader args(argc, argv);
+    while (!args.done()) {
+        const std::string arg = args.next();
+        if (arg == "--help") {
+            help = true;
+        } else if (arg == "--channel") {
+            options.channel = args.value();
+            if (options.channel.empty()) throw usage_error("option --channel needs a name");
+        } else if (arg == "--json") {
+            options.json = true;
+        } else if (arg == "--quiet") {
+            options.progress = false;
+        } else if (arg == "--log-level") {
+            options.log_level = parse_level(args.value());
+        } else if (arg == "--root") {
+            options.root = args.value();
+        } else if (arg == "--config") {
+            options.config = args.value();
+        } else if (arg == "--first-boot") {
+            options.first_boot = true;
+        } else if (arg == "--property") {
+            const std::string value = args.value();
+            const size_t equals = value.find('=');
+            if (equals == 0 || equals == std::string::npos) {
+                throw usage_error("option --property: '" + value + "' is not NAME=VALUE");
+            }
+            options.properties.emplace_back(value.substr(0, equals), value.substr(equals + 1));
+        } else {
+            throw usage_error("unknown argument " + arg);
+        }
+    }
+    return options;
+}
+
+#ifndef __ANDROID__
+// Makes the root look like the device's filesystem where the library expects
+// files it never creates itself.
+void prepare_host_root(const info_options& options) {
+    namespace fs = std::filesystem;
+    if (!options.root.empty()) {
+        if (!fs::is_directory(options.root)) throw usage_error("root " + options.root + " is not a directory");
+        setenv("KIVHAL_ROOT", options.root.c_str(), 1);
+    }
+    if (getenv("KIVHAL_ROOT") == nullptr || *getenv("KIVHAL_ROOT") == '\0') {
+        throw usage_error("no root: pass --root DIR or set KIVHAL_ROOT");
+    }
+    auto host = [](const char* path) { return fs::path(kivhal::platform::resolve_path(path)); };
+    std::error_code error;
+    if (!options.config.empty()) {
+        read_file(options.config);  // a clear error for an unreadable file
+        fs::create_directories(host(kConfigPath).parent_path());
+        fs::copy_file(options.config, host(kConfigPath), fs::copy_options::overwrite_existing, error);
+        if (error) throw usage_error("cannot copy " + options.config + ": " + error.message());
+    }
+    fs::create_directories(host(kListPath).parent_path());
+    if (options.first_boot) fs::remove(host(kListPath));
+    for (const char* file : kWakeLockFiles) {
+        fs::create_directories(host(file).parent_path());
+        if (!fs::exists(host(file))) std::ofstream(host(file)).flush();
+    }
+    for (const auto& [name, value] : options.properties) kivhal::host::set_property(name, value);
+}
+#endif
+
+int run(int argc, char** argv) {
+    bool help = false;
+    const info_options options = parse_options(argc, argv, help);
+    if (help) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+#ifdef __ANDROID__
+    if (!options.root.empty() || !options.config.empty() || options.first_boot ||
+        !options.properties.empty()) {
+        throw usage_error("--root, --config, --first-boot and --property work on a host only");
+    }
+#else
+    prepare_host_root(options);
+#endif
+
+    discovery_report report;
+    bool found = false;
+    {
+        discovery_monitor monitor(options.log_level, options.progress, stderr);
+        kiv_sensor_factory factory;
+        {
+            std::unique_ptr<tav_interface> conn;
+            try {
+                conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {options.channel.c_str()}));
+            } catch (const std::exception& e) {
+                monitor.stop();
+                throw usage_error("cannot open channel \"" + options.channel + "\": " + e.what());
+            }
+            factory.startDiscovery(conn.get());
+            // The connection goes first: no callback may run while the
+            // queries read what discovery stored.
+        }
+        const double seconds = monitor.elapsed();
+        report = collect_report(factory);
+        report.seconds = seconds;
+        monitor.stop();
+        found = report.found_anything();
+        if (options.progress) {
+            fprintf(stderr, "kivhal-info: %5.1f s  discovery %s\n", seconds,
+                    found ? "finished" : "found nothing");
+        }
+    }
+    report.channel = options.channel;
+    if (options.json) {
+        print_json(report, stdout);
+    } else {
+        print_table(report, stdout);
+    }
+    return found ? 0 : kExitNothingFound;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return run_tool(kTool, [&] { return run(argc, argv); });
+}

@@ -1,0 +1,115 @@
+#include "sensorstore_dump.h"
+
+#include <algorithm>
+#include <fstream>
+
+#include "sensorstore_partition.h"
+#include "tool_cli.h"
+
+namespace kivhal {
+namespace tools {
+
+namespace {
+
+uint32_t load_le32(const uint8_t* bytes) {
+    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
+           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+const char* status_text(sensorstore_record_status status) {
+    switch (status) {
+        case sensorstore_record_status::head_out_of_bounds:
+            return "its head runs past the end of the area";
+        case sensorstore_record_status::packet_too_short:
+            return "its packet length does not cover the packet head";
+        case sensorstore_record_status::packet_out_of_bounds:
+            return "its packet runs past the end of the area";
+        default:
+            return "ok";
+    }
+}
+
+}  // namespace
+
+std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* image_size) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw usage_error("cannot read " + path);
+    std::vector<uint8_t> bytes(SNS_SENSORSTORE_HDR_LEN);
+    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    size_t have = static_cast<size_t>(in.gcount());
+    if (have == SNS_SENSORSTORE_HDR_LEN) {
+        // A partition is far larger than what the core wrote; read only that.
+        const uint32_t data_len = load_le32(bytes.data());
+        bytes.resize(std::max<size_t>(data_len, SNS_SENSORSTORE_HDR_LEN));
+        in.read(reinterpret_cast<char*>(bytes.data() + have),
+                static_cast<std::streamsize>(bytes.size() - have));
+        have += static_cast<size_t>(in.gcount());
+        // One byte more tells whether the file ends before data_len or after.
+        if (have == bytes.size() && in.peek() != std::char_traits<char>::eof()) ++have;
+    }
+    if (in.bad()) throw usage_error("cannot read " + path);
+    bytes.resize(std::min(have, bytes.size()));
+    *image_size = have;
+    return bytes;
+}
+
+bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
+                      const std::string& channel, FILE* out) {
+    const uint32_t own_hash = sensorstore_channel_hash(channel.c_str(), static_cast<uint8_t>(channel.size()));
+    if (image.size() < SNS_SENSORSTORE_HDR_LEN) {
+        fprintf(out, "corrupt: the image holds %zu bytes, less than the %u-byte header\n",
+                image.size(), SNS_SENSORSTORE_HDR_LEN);
+        return false;
+    }
+    const uint32_t data_len = load_le32(image.data());
+    const uint32_t reset = load_le32(image.data() + 4);
+    fprintf(out, "header: data_len %u, reset_data_len %u (%s)\n", data_len, reset,
+            reset == SNS_SENSORSTORE_RESET_DONE ? "consumed" : "data pending");
+    fprintf(out, "channel: \"%s\", hash 0x%08x\n", channel.c_str(), own_hash);
+
+    bool ok = true;
+    if (data_len < SNS_SENSORSTORE_HDR_LEN) {
+        fprintf(out, "corrupt: data_len %u is smaller than the header\n", data_len);
+        return false;
+    }
+    if (data_len > image.size()) {
+        fprintf(out, "corrupt: data_len %u runs past the end of the image (%zu bytes)\n",
+                data_len, image_size);
+        ok = false;
+    }
+    const size_t readable = std::min<size_t>(data_len, image.size());
+    fprintf(out, "%8s  %-10s  %-7s  %6s  %6s\n", "OFFSET", "HASH", "CHANNEL", "MSG ID", "LENGTH");
+    uint64_t offset = SNS_SENSORSTORE_HDR_LEN;
+    size_t records = 0;
+    while (offset < data_len) {
+        sensorstore_record record{};
+        const auto status = read_sensorstore_record(image.data(), readable,
+                                                    static_cast<uint32_t>(offset), &record);
+        if (status == sensorstore_record_status::head_out_of_bounds) {
+            fprintf(out, "corrupt: record at offset %llu: %s\n",
+                    static_cast<unsigned long long>(offset), status_text(status));
+            return false;
+        }
+        fprintf(out, "%8llu  0x%08x  %-7s  0x%04x  %6u\n", static_cast<unsigned long long>(offset),
+                record.channel_hash, record.channel_hash == own_hash ? "this" : "other",
+                record.msg_id, record.pkt_len);
+        ++records;
+        if (status != sensorstore_record_status::ok) {
+            fprintf(out, "corrupt: record at offset %llu: %s\n",
+                    static_cast<unsigned long long>(offset), status_text(status));
+            return false;
+        }
+        offset += SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len;
+    }
+    if (offset == data_len) {
+        fprintf(out, "walk: %zu records, ends exactly at data_len %u\n", records, data_len);
+    } else {
+        fprintf(out, "walk: %zu records, ends at %llu, not at data_len %u\n", records,
+                static_cast<unsigned long long>(offset), data_len);
+        ok = false;
+    }
+    return ok;
+}
+
+}  // namespace tools
+}  // namespace kivhal
