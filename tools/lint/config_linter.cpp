@@ -298,7 +298,7 @@ void linter::check_threshold(const XMLElement& threshold, int32_t key) {
     } else if (format != wanted_format && (format == kt::OUTPUT_FORMAT_INT ||
                                            format == kt::OUTPUT_FORMAT_FLOAT ||
                                            format == kt::OUTPUT_FORMAT_BYTES)) {
-        error(&threshold, std::string("a ") + word + " threshold on data type " + hex(key) +
+        error(&threshold, std::string("threshold type \"") + word + "\" on data type " + hex(key) +
                               ", whose output format is " + std::to_string(format) +
                               ": the value is read as the wrong type");
     } else if (format != wanted_format) {
