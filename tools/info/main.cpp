@@ -49,7 +49,8 @@ Host only (the device has its own filesystem and properties):
   --config FILE      copy FILE to <root>/vendor/etc/sensors/oem_config.xml;
                      without it the file already there is read
   --first-boot       remove the persisted sensor list first
-  --property N=V     set a system property (repeatable), for example
+  --property N=V     set a system property (repeatable); low-power messages
+                     need persist.vendor.kiv.ds=true, the sensor store also
                      persist.vendor.kiv.ds_oda=true
   --help             show this help
 )";
