@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# The library's main job without a watch on the desk: builds the tools, starts
+# the simulated sensor core on a temporary device root with the example OEM
+# configuration, and runs kivhal-info against it twice, as the HAL service's
+# first boot after flashing and as a later boot.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+echo "=== build (preset default)"
+cmake --preset default >/dev/null
+build_log=build/default/demo-build.log
+if ! cmake --build --preset default -j "$(nproc)" \
+        --target kivhal-coresim kivhal-info kivhal-lint >"$build_log" 2>&1; then
+    cat "$build_log"
+    exit 1
+fi
+tools=build/default/tools
+config=examples/oem_config.xml
+
+echo "=== kivhal-lint $config"
+"$tools/kivhal-lint" "$config"
+echo "no problems found"
+
+work=$(mktemp -d)
+root="$work/root"
+mkdir "$root"
+sim_pid=""
+stop_sim() {
+    if [ -n "$sim_pid" ]; then
+        kill -TERM "$sim_pid" 2>/dev/null || true
+        wait "$sim_pid" 2>/dev/null || true
+        sim_pid=""
+    fi
+}
+trap 'stop_sim; rm -rf "$work"' EXIT
+
+echo "=== kivhal-coresim on $root"
+"$tools/kivhal-coresim" --root "$root" --config "$config" >"$work/coresim.log" 2>&1 &
+sim_pid=$!
+for _ in $(seq 100); do
+    grep -q "serving" "$work/coresim.log" && break
+    sleep 0.1
+done
+cat "$work/coresim.log"
+
+echo
+echo "=== kivhal-info, first boot after flashing (no persisted sensor list yet)"
+"$tools/kivhal-info" --root "$root" --config "$config"
+
+echo
+echo "=== kivhal-info, later boot (waits only for the sensors the first boot listed)"
+"$tools/kivhal-info" --root "$root" --config "$config"
+
+echo
+stop_sim
+echo "=== simulator stopped"
