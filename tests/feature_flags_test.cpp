@@ -117,14 +117,4 @@ TEST_F(FeatureFlagsTest, SupportLinesMarkOffForSensorStoreAndOnForAonAndTrace) {
     kiv_log::set_level(kiv_log::INFO);
 }
 
-TEST_F(FeatureFlagsTest, LongValuesAreCutToTheProperty92ByteLimit) {
-    char value[PROPERTY_VALUE_MAX + 8];
-    memset(value, 'x', sizeof(value));
-    set_property("some.long", std::string(200, 'a'));
-    EXPECT_EQ(property_get("some.long", value, "d"), PROPERTY_VALUE_MAX - 1);
-    EXPECT_EQ(std::string(value), std::string(PROPERTY_VALUE_MAX - 1, 'a'));
-    EXPECT_EQ(property_get("unset.one", value, "dflt"), 4);
-    EXPECT_STREQ(value, "dflt");
-}
-
 }  // namespace

@@ -13,7 +13,7 @@
 #include "kiv_log.h"
 #include "kivhal/host.h"
 #include "kivhal/platform.h"
-#include <cutils/trace.h>
+#include <cutils/properties.h>
 #include "test_support.h"
 
 namespace {
@@ -94,8 +94,8 @@ TEST(HostPlatformTest, SocketNodeBehavesLikeThePacketDevice) {
 
 TEST(HostPlatformTest, OtherNodesAreOpenedAsFiles) {
     kivhal::test::scoped_root root;
-    root.write_file("/dev/block/bootdevice/by-name/sensorstore", "12345678");
-    int fd = open_node(root.host_path("/dev/block/bootdevice/by-name/sensorstore").c_str(), O_RDWR);
+    root.write_file("/dev/block/x", "12345678");
+    int fd = open_node(root.host_path("/dev/block/x").c_str(), O_RDWR);
     ASSERT_GT(fd, 0);
     char buf[8];
     EXPECT_EQ(read_node(fd, buf, sizeof(buf)), 8);
@@ -131,11 +131,14 @@ TEST(HostPlatformTest, HooksReplaceSingleCallsUntilCleared) {
     close(fds[1]);
 }
 
-TEST(HostPlatformTest, TraceQueriesAreCounted) {
-    kivhal::host::reset_trace_tag_queries();
-    atrace_get_enabled_tags();
-    atrace_get_enabled_tags();
-    EXPECT_EQ(kivhal::host::trace_tag_queries(), 2u);
+TEST(HostPlatformTest, PropertiesFallBackToTheDefaultAndAreCutTo92Bytes) {
+    char value[PROPERTY_VALUE_MAX];
+    kivhal::host::set_property("some.long", std::string(200, 'a'));
+    EXPECT_EQ(property_get("some.long", value, "d"), PROPERTY_VALUE_MAX - 1);
+    EXPECT_EQ(std::string(value), std::string(PROPERTY_VALUE_MAX - 1, 'a'));
+    kivhal::host::clear_properties();
+    EXPECT_EQ(property_get("some.long", value, "dflt"), 4);
+    EXPECT_STREQ(value, "dflt");
 }
 
 TEST(HostPlatformTest, LogcatMirroringUsesTheBriefFormat) {
