@@ -41,7 +41,9 @@ protected:
         return run_program(kInfo, args, kDiscoveryBound);
     }
     void TearDown() override {
-        if (sim) sim->stop(SIGTERM, milliseconds(10000));
+        if (!sim) return;
+        const auto stopped = sim->stop(SIGTERM, milliseconds(10000));
+        EXPECT_EQ(stopped.exit_code, 0) << stopped.err;  // sanitizers report through it
     }
 
     kivhal::test::scoped_root root;
