@@ -1,146 +1,215 @@
-// Request framing, registration bookkeeping visible in packets, and what a
-// send does around the write (trace-tag queries, wake lock).
+// Requests as framed on the wire, responses matched to requests, the life of
+// a registration and its client request id, and reports delivered to the
+// sensor named inside them, malformed ones dropped.
+#include <utils/SystemClock.h>
+
+#include <atomic>
+
 #include "connection_test_fixture.h"
 
 namespace kivhal {
 namespace test {
 namespace {
 
-constexpr size_t kHeadEnd = 13;  // payload offset in a request packet
+constexpr uint32_t kLookup = 512;
+constexpr uint32_t kDisable = 10;
+constexpr uint32_t kDataEvent = 1025;
+constexpr int kMaxClients = 255;
 
-TEST_F(connection_test, RequestPacketIsFramedByteForByte) {
+sensor_uid nth_sensor(int n) { return {static_cast<uint64_t>(n) + 1, 0x5e}; }
+
+// A request packet as the wire carries it: id 0x20, reserved 1, length 0.
+std::vector<uint8_t> request_packet(uint8_t session, uint8_t client_id, uint8_t flag,
+                                    const std::string& payload) {
+    std::vector<uint8_t> packet = {0x20, 0, 1, 0, 0, 0, session, client_id, flag};
+    for (int shift = 0; shift < 32; shift += 8) packet.push_back(payload.size() >> shift & 0xff);
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    packet.resize(1013, 0);
+    return packet;
+}
+
+TEST_F(connection_test, RequestPacketsAreFramedByteForByte) {
     connect();
-    callback_log accel, gyro;
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
-
-    const std::string payload = request_payload(kAccel, 512);
+    const std::string payload = request_payload(kAccel, kLookup);
     conn->send_request(kAccel, true, payload, 300);
-    conn->send_request(kGyro, false, request_payload(kGyro, 1), 5);
+    conn->send_request(kGyro, false, std::string(1000, 'z'), 5);
+    EXPECT_EQ("other: TAV_DUCTO request payload size too large",
+              thrown_by([&] { conn->send_request(kGyro, true, std::string(1001, 'x'), 0); }));
+    EXPECT_TRUE(log_contains("request payload size is too large"));
+
     ASSERT_TRUE(core->wait_for_requests(2, kWait));
-
-    const auto requests = core->requests();
-    const recorded_request& first = requests[0];
-    EXPECT_EQ(0x20, first.msg_id);
-    EXPECT_EQ(1, first.reserved);
-    EXPECT_EQ(0, first.pkt_len);
-    EXPECT_EQ(44, first.session_id);  // 300 & 0xff
-    EXPECT_EQ(1, first.client_req_id);
-    EXPECT_EQ(1, first.flag);
-    EXPECT_EQ(payload.size(), first.payload_len);
-    ASSERT_EQ(1013u, first.raw.size());
-    EXPECT_EQ(payload, std::string(first.raw.begin() + kHeadEnd,
-                                   first.raw.begin() + kHeadEnd + payload.size()));
-    for (size_t i = kHeadEnd + payload.size(); i < first.raw.size(); ++i) {
-        ASSERT_EQ(0, first.raw[i]) << "byte " << i;
-    }
-    ASSERT_TRUE(first.decoded);
-    EXPECT_EQ(512u, first.request.msg_id());
-    EXPECT_TRUE(first.suid() == kAccel);
-
-    EXPECT_EQ(5, requests[1].session_id);
-    EXPECT_EQ(2, requests[1].client_req_id);
-    EXPECT_EQ(0, requests[1].flag);
-    EXPECT_EQ(1013u, requests[1].raw.size());
-}
-
-TEST_F(connection_test, PayloadOfThousandBytesIsSentAndLongerIsRefused) {
-    connect();
-    callback_log accel;
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-
-    conn->send_request(kAccel, true, std::string(1000, '\x5a'), 0);
-    try {
-        conn->send_request(kAccel, true, std::string(1001, '\x5a'), 0);
-        FAIL() << "a 1001-byte payload was accepted";
-    } catch (const ducto_error&) {
-        FAIL() << "wrong exception type";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ("TAV_DUCTO request payload size too large", e.what());
-    }
-    conn->send_request(kAccel, false, "x", 0);
-    ASSERT_TRUE(core->wait_for_requests(2, kWait));
-
     const auto requests = core->requests();
     ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ(1000u, requests[0].payload_len);
-    EXPECT_EQ(std::string(1000, '\x5a'), requests[0].payload);
-    EXPECT_EQ(1013u, requests[0].raw.size());
-    EXPECT_EQ(0, requests[0].raw[4]);
-    EXPECT_EQ(0, requests[0].raw[5]);
-    EXPECT_EQ(1u, requests[1].payload_len);
-    EXPECT_TRUE(log_contains("request payload size is too large"));
+    EXPECT_EQ(request_packet(44, 1, 1, payload), requests[0].raw);  // session 300 & 0xff
+    EXPECT_EQ(request_packet(5, 2, 0, std::string(1000, 'z')), requests[1].raw);
 }
 
-TEST_F(connection_test, RequestForUnregisteredSensorThrowsWithoutSending) {
+TEST_F(connection_test, ResponsesGoToTheOldestPendingRequestsSensor) {
     connect();
-    try {
-        send(kGyro, 512);
-        FAIL() << "request for an unregistered sensor was sent";
-    } catch (const ducto_error& e) {
-        EXPECT_STREQ("TAV_DUCTO_ERROR ducto_write failed : Success (0)", e.what());
-    }
-    EXPECT_TRUE(log_contains("clientid for suid.high b2 suid.low 2222  is not found in lookup table"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0u, core->request_count());
+    ASSERT_EQ(0, register_sensor(kAccel, accel));
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    // Nothing pending: dropped. Packets are handled in order, so once the
+    // report is in, so was the response.
+    core->send_response({true, 1, true, 1});
+    core->send_event(core_stub::make_event(kAccel, 1, "x"));
+    ASSERT_TRUE(accel.wait_for(1));
+
+    for (sensor_uid suid : {kAccel, kGyro, kAccel, kAccel, kGyro}) send(suid, kLookup);
+    ASSERT_TRUE(core->wait_for_requests(5, kWait));
+    core->send_response({true, 7, true, 70});
+    core->send_response({true, 8, true, 80});
+    core->send_response({false, 9, true, 90});    // client-id flag (body offset 4) clear
+    core->send_response({true, 10, false, 100});  // result flag (body offset 14) clear
+    core->send_response({true, 11, true, 110});
+    ASSERT_TRUE(gyro.wait_responses(2));
+    EXPECT_EQ((std::vector<event_recorder::response>{{70, 7}}), accel.responses());
+    EXPECT_EQ((std::vector<event_recorder::response>{{80, 8}, {110, 11}}), gyro.responses());
 }
 
-TEST_F(connection_test, RegisteringTheSameSensorTwiceFails) {
+TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
     connect();
-    callback_log first, second;
-    EXPECT_EQ(0, register_sensor(kAccel, first));
-    EXPECT_EQ(-1, register_sensor(kAccel, second));
+    EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Success (0)",
+              thrown_by([&] { send(kAccel, kLookup); }));
+    EXPECT_TRUE(log_contains("clientid for suid.high a1 suid.low 1111  is not found in lookup table"));
+    ASSERT_EQ(0, register_sensor(kAccel, accel));
+    send(kAccel, kLookup);
+    core->send_response({});
+    core->send_event(core_stub::make_event(kAccel, 1, "x"));  // handled after the answer
+    ASSERT_TRUE(accel.wait_for(1));
+    EXPECT_EQ(1u, accel.responses().size());
+    EXPECT_EQ(-1, register_sensor(kAccel, gyro)) << "an ordinary answer ended the registration";
     EXPECT_TRUE(log_contains("This suid is alread registered"));
+
+    send(kAccel, kDisable);
+    ASSERT_TRUE(core->wait_for_requests(2, kWait));
+    EXPECT_EQ(-1, register_sensor(kAccel, gyro)) << "ended before the answer";
+    core->send_response({});
+    ASSERT_TRUE(eventually([&] { return ducto()->get_clientreq_id(kAccel) == 0; }));
+    EXPECT_EQ(2u, accel.responses().size());
+    EXPECT_THROW(send(kAccel, kLookup), ducto_error);
+    EXPECT_EQ(0, register_sensor(kAccel, gyro));
 }
 
-TEST(connection_error_text, CodeIsRenderedWithTheSystemTextCutToTwentyNineCharacters) {
-    EXPECT_STREQ("TAV_DUCTO_ERROR TAV_DUCTO_int open failed : Unknown error -110 (-110)",
-                 ducto_error(-110, "TAV_DUCTO_int open failed").what());
-    // "Value too large for defined data type" does not fit the 30-byte buffer.
+TEST_F(connection_test, FreedIdIsReusedOnlyAfterEveryNeverUsedIdAndTheTwoHundredFiftySixthIsRefused) {
+    connect();
+    core->set_auto_respond(true);
+    auto id_of_next_request = [&](sensor_uid suid) {
+        const size_t count = core->request_count() + 1;
+        send(suid, kLookup);
+        EXPECT_TRUE(core->wait_for_requests(count, kWait));
+        return core->requests().back().client_req_id;
+    };
+    ASSERT_EQ(0, register_sensor(nth_sensor(0), accel));  // id 1
+    ASSERT_EQ(0, register_sensor(nth_sensor(1), accel));  // id 2
+    send(nth_sensor(0), kDisable);
+    ASSERT_TRUE(eventually([&] { return register_sensor(nth_sensor(0), accel) == 0; }));
+
+    EXPECT_EQ(3, id_of_next_request(nth_sensor(0)));
+    for (int i = 2; i < kMaxClients - 1; ++i) ASSERT_EQ(0, register_sensor(nth_sensor(i), accel));
+    EXPECT_EQ(255, id_of_next_request(nth_sensor(kMaxClients - 2)));
+    ASSERT_EQ(0, register_sensor(nth_sensor(kMaxClients - 1), accel));
+    EXPECT_EQ(1, id_of_next_request(nth_sensor(kMaxClients - 1)));
+    EXPECT_EQ("other: TAV_DUCTO exceeded maximum number of ducto clients",
+              thrown_by([&] { register_sensor(nth_sensor(kMaxClients), accel); }));
+}
+
+TEST_F(connection_test, EveryWriteHoldsTheWakeLockAndQueriesTraceTagsOnlyWhenTracingIsOn) {
+    const std::string name("KIVHAL_WAKEUP\0", 14);
+    for (const bool tracing : {false, true}) {
+        host::set_property("persist.vendor.debug.kiv.trace", tracing ? "true" : "false");
+        connect();
+        ASSERT_EQ(0, register_sensor(kAccel, accel));
+        const std::string locked = root.read_file("/sys/power/wake_lock");
+        const std::string unlocked = root.read_file("/sys/power/wake_unlock");
+        host::reset_trace_tag_queries();
+        send(kAccel, kLookup);
+        send(kAccel, kLookup);
+        EXPECT_EQ(tracing ? 4u : 0u, host::trace_tag_queries());
+        EXPECT_EQ(locked + name + name, root.read_file("/sys/power/wake_lock"));
+        EXPECT_EQ(unlocked + name + name, root.read_file("/sys/power/wake_unlock"));
+        conn.reset();
+    }
+}
+
+TEST(connection_basics, ErrorTextIsCutAndOnlyTheDuctoTypeYieldsAConnection) {
+    // "Value too large for defined data type" is cut to the 29 characters that fit.
     EXPECT_STREQ("TAV_DUCTO_ERROR m : Value too large for defined d (75)",
                  ducto_error(EOVERFLOW, "m").what());
+    EXPECT_EQ(nullptr, tav_interface::create(TAV_NO_CONNECTION, {kChannel}));
+    EXPECT_EQ(nullptr, tav_interface::create(static_cast<tav_connection_type>(2), {kChannel}));
 }
 
-TEST(connection_factory, OnlyTheDuctoTypeYieldsAConnection) {
-    EXPECT_EQ(nullptr, tav_interface::create(TAV_NO_CONNECTION, tav_conn_config{kChannel}));
-    EXPECT_EQ(nullptr,
-              tav_interface::create(static_cast<tav_connection_type>(2), tav_conn_config{kChannel}));
-}
-
-TEST_F(connection_test, TraceTagsAreQueriedAroundEveryWriteWhenTracingIsOn) {
-    host::set_property("persist.vendor.debug.kiv.trace", "true");
+TEST_F(connection_test, ReportsReachTheNamedSensorWithTheBootTimeOfArrival) {
     connect();
-    callback_log accel;
     ASSERT_EQ(0, register_sensor(kAccel, accel));
-
-    host::reset_trace_tag_queries();
-    send(kAccel, 512);
-    EXPECT_EQ(2u, host::trace_tag_queries());
-    send(kAccel, 512);
-    EXPECT_EQ(4u, host::trace_tag_queries());
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    const std::string small = core_stub::make_event(kGyro, kDataEvent, "sample");
+    const std::string jumbo = core_stub::make_event(kAccel, kDataEvent, std::string(6000, 'j'));
+    const uint64_t before = static_cast<uint64_t>(android::elapsedRealtimeNano());
+    core->send_packet(core_stub::make_report(small));
+    core->send_packet(core_stub::make_report(jumbo, true));
+    ASSERT_TRUE(gyro.wait_for(1) && accel.wait_for(1));
+    const uint64_t after = static_cast<uint64_t>(android::elapsedRealtimeNano());
+    EXPECT_EQ(small, gyro.events()[0].payload);
+    EXPECT_EQ(jumbo, accel.events()[0].payload);
+    for (const auto& event : {gyro.events()[0], accel.events()[0]}) {
+        EXPECT_GE(event.timestamp, before);
+        EXPECT_LE(event.timestamp, after);
+    }
 }
 
-TEST_F(connection_test, TraceTagsAreNotQueriedWhenTracingIsOff) {
+TEST_F(connection_test, MalformedReportsAreDroppedAndTheReaderCarriesOn) {
     connect();
-    callback_log accel;
     ASSERT_EQ(0, register_sensor(kAccel, accel));
-    host::reset_trace_tag_queries();
-    send(kAccel, 512);
-    EXPECT_EQ(0u, host::trace_tag_queries());
+    const std::string event = core_stub::make_event(kAccel, kDataEvent, "ok");
+    auto oversized = core_stub::make_report(event);
+    oversized[4] = oversized[5] = 0xff;  // packet length beyond the reader's buffer
+    for (const auto& packet : {
+             core_stub::make_report(""), core_stub::make_report(core_stub::make_event(kGyro, 1, "x")),
+             core_stub::make_packet(0x23, std::vector<uint8_t>(20, 0x21)),
+             core_stub::make_packet(0x7f, {0, 0, 0, 0}), core_stub::make_packet(0x24, {0, 0, 0, 0}),
+             // Length fields past the bytes sent and past the packet buffer,
+             // and a report too short to hold its length field.
+             core_stub::make_report_with_length(event, 9000),
+             core_stub::make_report_with_length(event, 0xfffffff0),
+             core_stub::make_packet(0x21, {1, 2, 3}), oversized, core_stub::make_report(event)}) {
+        core->send_packet(packet);
+    }
+    ASSERT_TRUE(accel.wait_for(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(1u, accel.events().size());
+    EXPECT_EQ(event, accel.events()[0].payload);
+    EXPECT_TRUE(log_contains("first level decoding suid failed"));
+    EXPECT_TRUE(log_contains("Registered callback is null"));
+    EXPECT_EQ(2u, log_lines_containing("invalid msg id").size());
+    EXPECT_EQ(4u, log_lines_containing(", dropped").size());
+    EXPECT_EQ(1u, log_lines_containing("larger than the buffer").size());
 }
 
-TEST_F(connection_test, WakeLockIsHeldAcrossTheWrite) {
+TEST_F(connection_test, NoCallbackStartsOnceTheDestructorHasBegun) {
     connect();
-    callback_log accel;
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    const std::string name("KIVHAL_WAKEUP\0", 14);
-
-    send(kAccel, 512);
-    EXPECT_EQ(name, root.read_file("/sys/power/wake_lock"));
-    EXPECT_EQ(name, root.read_file("/sys/power/wake_unlock"));
-    send(kAccel, 512);
-    EXPECT_EQ(name + name, root.read_file("/sys/power/wake_lock"));
-    EXPECT_EQ(name + name, root.read_file("/sys/power/wake_unlock"));
+    std::atomic<bool> release{false}, sending{true};
+    std::atomic<int> calls{0};
+    ASSERT_EQ(0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
+        ++calls;
+        while (!release) std::this_thread::yield();
+    }));
+    const auto report = core_stub::make_report(core_stub::make_event(kAccel, kDataEvent, "r"));
+    std::thread flood([&] {
+        while (sending) core->send_packet(report);
+    });
+    EXPECT_TRUE(eventually([&] { return calls == 1; }));
+    // The reader is inside the first callback; tear down meanwhile.
+    std::thread teardown([&] { conn.reset(); });
+    EXPECT_TRUE(eventually([] { return log_contains("destructor"); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    release = true;
+    teardown.join();
+    sending = false;
+    flood.join();
+    EXPECT_EQ(1, calls);
 }
 
 }  // namespace

@@ -1,20 +1,22 @@
 #pragma once
 
-// Shared set-up of the connection tests: a fresh root with wake-lock files, a
-// core stand-in on the channel and helpers to observe callbacks.
+// Shared set-up of the tests that run over a live connection: a fresh root
+// with wake-lock files, a core stand-in on the channel, recorders for two
+// sensors, and helpers to build requests and catch errors.
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
+#include <climits>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "core_stub.h"
+#include "event_recorder.h"
 #include "kiv_log.h"
 #include "kivhal/host.h"
 #include "tav_ducto.h"
@@ -39,71 +41,45 @@ inline bool eventually(const std::function<bool()>& condition,
     return true;
 }
 
-// What a sensor's callbacks received, in order. The callbacks share the
-// record, so they stay valid if the connection outlives this object.
-class callback_log {
-public:
-    struct event {
-        std::string data;
-        uint64_t timestamp;
-    };
+// What `action` throws: a ducto_error's text as it is, any other exception's
+// text after "other: ", and "" when nothing is thrown.
+inline std::string thrown_by(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const ducto_error& e) {
+        return e.what();
+    } catch (const std::exception& e) {
+        return std::string("other: ") + e.what();
+    }
+    return "";
+}
 
-    tav_resp_cb response_cb() {
-        std::shared_ptr<state> s = _state;
-        return [s](uint32_t result, uint64_t client_id) {
-            std::lock_guard<std::mutex> lock(s->mutex);
-            s->responses.emplace_back(result, client_id);
-            s->changed.notify_all();
-        };
-    }
-    tav_event_cb event_cb() {
-        std::shared_ptr<state> s = _state;
-        return [s](const uint8_t* data, uint32_t len, uint64_t timestamp) {
-            std::lock_guard<std::mutex> lock(s->mutex);
-            s->events.push_back({std::string(reinterpret_cast<const char*>(data), len), timestamp});
-            s->changed.notify_all();
-        };
-    }
-    bool wait_events(size_t count) {
-        std::unique_lock<std::mutex> lock(_state->mutex);
-        return _state->changed.wait_for(lock, kWait, [&] { return _state->events.size() >= count; });
-    }
-    bool wait_responses(size_t count) {
-        std::unique_lock<std::mutex> lock(_state->mutex);
-        return _state->changed.wait_for(lock, kWait,
-                                        [&] { return _state->responses.size() >= count; });
-    }
-    std::vector<event> events() {
-        std::lock_guard<std::mutex> lock(_state->mutex);
-        return _state->events;
-    }
-    std::vector<std::pair<uint32_t, uint64_t>> responses() {
-        std::lock_guard<std::mutex> lock(_state->mutex);
-        return _state->responses;
-    }
-
-private:
-    struct state {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<event> events;
-        std::vector<std::pair<uint32_t, uint64_t>> responses;
+// A channel hook that fails its first `failures` calls with `error`, returning
+// `result`, and passes later calls to `real`.
+template <typename Result, typename... Args>
+std::function<Result(Args...)> failing(Result (*real)(Args...), int error, int failures = INT_MAX,
+                                       typename std::common_type<Result>::type result = -1) {
+    auto calls = std::make_shared<std::atomic<int>>(0);
+    return [=](Args... args) {
+        if ((*calls)++ >= failures) return real(args...);
+        errno = error;
+        return result;
     };
-    std::shared_ptr<state> _state = std::make_shared<state>();
-};
+}
 
 class connection_test : public ::testing::Test {
 protected:
     void SetUp() override {
         host::clear_captured_log();
-        root.write_file("/sys/power/wake_lock", "");
-        root.write_file("/sys/power/wake_unlock", "");
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
         core = std::make_unique<core_stub>(kChannel);
     }
     void TearDown() override {
         conn.reset();
         core.reset();
         host::clear_channel_hooks();
+        host::clear_properties();
+        kiv_log::set_level(kiv_log::INFO);
     }
 
     void connect() {
@@ -112,8 +88,8 @@ protected:
     }
     tav_ducto* ducto() { return static_cast<tav_ducto*>(conn.get()); }
 
-    int register_sensor(sensor_uid suid, callback_log& log) {
-        return conn->register_cb(suid, log.response_cb(), nullptr, log.event_cb());
+    int register_sensor(sensor_uid suid, event_recorder& recorder) {
+        return conn->register_cb(suid, recorder.response_callback(), nullptr, recorder.callback());
     }
     // An encoded request envelope for `suid` with message id `msg_id`.
     static std::string request_payload(sensor_uid suid, uint32_t msg_id) {
@@ -130,6 +106,7 @@ protected:
 
     scoped_root root;  // first: the stand-in binds under it
     std::unique_ptr<core_stub> core;
+    event_recorder accel, gyro;  // before the connection, which calls into them
     std::unique_ptr<tav_interface> conn;
 };
 

@@ -1,13 +1,14 @@
 #pragma once
 
-// Collects what a connection hands to one sensor's event callback, from
-// whichever thread delivers it.
+// Collects what a connection hands to one sensor's callbacks, from whichever
+// thread delivers it. It must outlive the connection it is registered with.
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tav_interface.h"
@@ -21,6 +22,7 @@ public:
         std::string payload;
         uint64_t timestamp;
     };
+    using response = std::pair<uint32_t, uint64_t>;  // result, client id
 
     tav_event_cb callback() {
         return [this](const uint8_t* data, uint32_t length, uint64_t timestamp) {
@@ -29,21 +31,37 @@ public:
             _changed.notify_all();
         };
     }
+    tav_resp_cb response_callback() {
+        return [this](uint32_t result, uint64_t client_id) {
+            std::lock_guard<std::mutex> lock(_mutex);
+            _responses.emplace_back(result, client_id);
+            _changed.notify_all();
+        };
+    }
 
-    bool wait_for(size_t count, std::chrono::milliseconds timeout) {
+    bool wait_for(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
         std::unique_lock<std::mutex> lock(_mutex);
         return _changed.wait_for(lock, timeout, [&] { return _events.size() >= count; });
+    }
+    bool wait_responses(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        return _changed.wait_for(lock, timeout, [&] { return _responses.size() >= count; });
     }
 
     std::vector<event> events() const {
         std::lock_guard<std::mutex> lock(_mutex);
         return _events;
     }
+    std::vector<response> responses() const {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _responses;
+    }
 
 private:
     mutable std::mutex _mutex;
     std::condition_variable _changed;
     std::vector<event> _events;
+    std::vector<response> _responses;
 };
 
 }  // namespace test
