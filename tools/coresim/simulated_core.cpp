@@ -235,7 +235,7 @@ std::string simulated_core::answer_sensor(const recorded_request& request,
 void simulated_core::send(std::vector<std::vector<uint8_t>> packets) {
     for (auto& packet : packets) {
         if (_options.delay.count() > 0) {
-            _sender.send_after(_options.delay, std::move(packet));
+            _core.send_packet_after(_options.delay, std::move(packet));
         } else {
             _core.send_packet(packet);
         }
@@ -286,7 +286,7 @@ void simulated_core::watch_connection() {
 void simulated_core::on_connected() {
     say("client connected");
     for (const low_power_event& event : _options.low_power) {
-        _sender.send_after(event.after,
+        _core.send_packet_after(event.after,
                                 core_stub::make_low_power_state(event.msg_id, event.session));
     }
     if (_options.write_info) {
@@ -297,7 +297,7 @@ void simulated_core::on_connected() {
             say(std::string("write-info skipped: ") + e.what());
             return;
         }
-        _sender.send_after(_options.write_info_after,
+        _core.send_packet_after(_options.write_info_after,
                                 core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
                                                                 total, 0));
     }

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "core_stub.h"
-#include "delayed_sender.h"
 
 namespace kivhal {
 namespace tools {
@@ -80,7 +79,6 @@ private:
     coresim_options _options;
     std::vector<sensor> _sensors;
     test::core_stub _core;
-    delayed_sender _sender{_core};
     const std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
 
     std::atomic<bool> _stopping{false};

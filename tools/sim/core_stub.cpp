@@ -384,8 +384,10 @@ void core_stub::deliver_scheduled() {
                                          return a.due != b.due ? a.due < b.due
                                                                : a.sequence < b.sequence;
                                      });
-        if (next->due > std::chrono::steady_clock::now()) {
-            _changed.wait_until(lock, next->due);
+        // A copy: a send scheduled during the wait may reallocate the queue.
+        const auto due = next->due;
+        if (due > std::chrono::steady_clock::now()) {
+            _changed.wait_until(lock, due);
             continue;
         }
         std::vector<uint8_t> packet = std::move(next->packet);
