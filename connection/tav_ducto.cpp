@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -309,7 +310,10 @@ void tav_ducto::ducto_error_handler(int error) {
         KIV_LOGD("TAV_DUCTO_int Inside POLLHUP error handler");
         _is_reconnecting = true;
         ducto_disconnect(false);
-        exit(1);
+        // Status 1 as exit(1) gives it, without running static destructors
+        // under the service's other threads, which may still be using them.
+        fflush(nullptr);
+        _exit(1);
     }
     KIV_LOGV("TAV_DUCTO_int waitig for _s_ducto_read_mutex");
     std::lock_guard<std::mutex> lock(_s_ducto_read_mutex);
