@@ -1,5 +1,6 @@
 // Construction, teardown and the channel's low-level I/O.
 #include "tav_ducto.h"
+#include "tav_ducto_internal.h"
 
 #include <cutils/trace.h>
 #include <fcntl.h>
@@ -16,6 +17,9 @@
 #include "kivhal/platform.h"
 #include "sns_wakelock.h"
 
+using kivhal::connection::conn_id;
+using kivhal::connection::query_trace_tags;
+
 namespace {
 
 constexpr char kDevNodePrefix[] = "/dev/ductopkt_vorla_";
@@ -29,14 +33,6 @@ constexpr char kThreadStopByte = 'd';
 // ducto_read learns the packet's length once this many bytes are in.
 constexpr uint32_t kPacketLenKnownAt = 7;
 constexpr size_t kPacketLenOffset = 4;
-
-unsigned long long conn_id(const void* conn) {
-    return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(conn));
-}
-
-void query_trace_tags() {
-    if (kiv_trace_enabled.load(std::memory_order_relaxed)) atrace_get_enabled_tags();
-}
 
 }  // namespace
 

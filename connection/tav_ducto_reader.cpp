@@ -11,6 +11,10 @@
 #include "sns_client.pb.h"
 #include "sns_wakelock.h"
 #include "tav_ducto.h"
+#include "tav_ducto_internal.h"
+
+using kivhal::connection::conn_id;
+using kivhal::connection::query_trace_tags;
 
 namespace {
 
@@ -18,14 +22,6 @@ constexpr char kThreadStopByte = 'd';
 constexpr int kPollForever = -1;
 constexpr size_t kPipeEntry = 0;
 constexpr size_t kChannelEntry = 1;
-
-unsigned long long conn_id(const void* conn) {
-    return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(conn));
-}
-
-void query_trace_tags() {
-    if (kiv_trace_enabled.load(std::memory_order_relaxed)) atrace_get_enabled_tags();
-}
 
 uint32_t report_payload_len(const sns_ducto_packet& packet) {
     uint32_t len;

@@ -8,6 +8,9 @@
 #include "kiv_log.h"
 #include "sns_client.pb.h"
 #include "tav_ducto.h"
+#include "tav_ducto_internal.h"
+
+using kivhal::connection::conn_id;
 
 namespace {
 
@@ -19,10 +22,6 @@ constexpr uint32_t kDisableRequestMsgId = 10;
 constexpr int64_t kSlowWriteNs = 2000000000;
 constexpr double kNsPerSecond = 1000000000.0;
 constexpr int kSessionIdMask = 0xff;
-
-unsigned long long conn_id(const void* conn) {
-    return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(conn));
-}
 
 tav_register_cb* find_record(const std::map<tav_register_cb*, sensor_uid>& map, sensor_uid suid) {
     for (const auto& entry : map) {
