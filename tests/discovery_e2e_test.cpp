@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 
 #include "core_stub.h"
 #include "fake_tav_interface.h"
@@ -10,27 +9,17 @@
 #include "kiv_sensor_factory.h"
 #include "test_support.h"
 
+// Whole boots over the real channel against the sensor-core stand-in.
+
 namespace {
 
-using kivhal::test::core_stub;
 using kivhal::test::log_contains;
 using std::chrono::milliseconds;
 
 constexpr char kChannel[] = "discovery";
 constexpr const char* kListPath = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
-constexpr const char* kConfigPath = "/vendor/etc/sensors/oem_config.xml";
-constexpr const char* kConfig = R"(<configuration type="KIV_oem_datatype">
-  <datatypes>
-    <datatype sensor_type="heart_rate" type="heart_rate" data_type_value="0x1"/>
-  </datatypes>
-</configuration>
-)";
+const sensor_uid kHealth{0x200, 0x2}, kHeartRate{0x300, 0x3}, kHeartRateRaw{0x301, 0x3};
 
-const sensor_uid kHealth{0x200, 0x2};
-const sensor_uid kHeartRate{0x300, 0x3};
-const sensor_uid kHeartRateRaw{0x301, 0x3};
-
-// Discovery over the real channel against the core stand-in.
 class DiscoveryEndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -39,13 +28,14 @@ protected:
         kivhal::test::reset_discovery_state();
         root.write_file("/sys/power/wake_lock", "");
         root.write_file("/sys/power/wake_unlock", "");
-        root.write_file(kConfigPath, kConfig);
+        root.write_file("/vendor/etc/sensors/oem_config.xml", R"(<configuration><datatypes>
+            <datatype sensor_type="heart_rate" type="heart_rate" data_type_value="0x1"/>
+            </datatypes></configuration>)");
         root.write_file("/mnt/vendor/persist/sensors/.keep", "");
-        core = std::make_unique<core_stub>(kChannel);
-        core->set_auto_respond(true);
-        core->add_sensor_type("registry", {{0x100, 0x1}});
-        core->add_sensor_type("health", {kHealth});
-        core->set_attributes(kHealth, stream_type(1));
+        core.set_auto_respond(true);
+        core.add_sensor_type("registry", {{0x100, 0x1}});
+        core.set_attributes(kHealth, stream_type(1));
+        core.set_attributes(kHeartRate, stream_type(2));
     }
 
     static sns_std_attr_event stream_type(int64_t type) {
@@ -56,8 +46,7 @@ protected:
         return event;
     }
 
-    // The connection is gone, and its reader thread with it, before the test
-    // looks at what discovery stored.
+    // The connection and its reader thread are gone before the test reads.
     void discover() {
         std::unique_ptr<tav_interface> conn(
             tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
@@ -65,19 +54,21 @@ protected:
         factory.startDiscovery(conn.get());
     }
 
-    kivhal::test::scoped_root root;
-    std::unique_ptr<core_stub> core;
+    kivhal::test::scoped_root root;  // before the core: its socket lives under the root
+    kivhal::test::core_stub core{kChannel};
     kiv_sensor_factory factory;
 };
 
-TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListAndStoresAttributesPerSuid) {
-    core->add_sensor_type("heart_rate", {kHeartRate, kHeartRateRaw}, milliseconds(100));
-    core->set_attributes(kHeartRate, stream_type(2));
-    core->set_attributes(kHeartRateRaw, stream_type(3));
-
+TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListInAnswerOrderAndAttributesPerSuid) {
+    core.add_sensor_type("health", {kHealth}, milliseconds(200));
+    core.add_sensor_type("heart_rate", {kHeartRate, kHeartRateRaw});
+    core.set_attributes(kHeartRateRaw, stream_type(3));
     discover();
 
-    EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
+    EXPECT_TRUE(log_contains("first boot after flash"));
+    EXPECT_TRUE(log_contains("waiting for suids for 7s ..."));
+    EXPECT_FALSE(log_contains("re-discover"));
+    EXPECT_EQ(root.read_file(kListPath), "heart_rate\nhealth\n");
     EXPECT_EQ(factory.suidMap.at("heart_rate"), (std::vector<sensor_uid>{kHeartRate, kHeartRateRaw}));
     ASSERT_EQ(factory.attributesMap.size(), 3u);
     EXPECT_EQ(factory.attributesMap.at(kHealth).get_stream_type(), 1);
@@ -88,30 +79,34 @@ TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListAndStoresAttributesPerSuid) 
 
 TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
     root.write_file(kListPath, "health\nheart_rate\n");
-    // Answers only the second lookup: the one re-sent by the mandatory wait.
-    core->add_silent_sensor_type("heart_rate");
-    core->add_sensor_type("health", {kHealth});
-
-    std::thread late_answer([this] {
-        // Once the first wait pass has re-sent the lookup, the core learns the type.
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!log_contains("re-sending request for heart_rate") &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(milliseconds(10));
-        }
-        core->add_sensor_type("heart_rate", {kHeartRate});
-        core->set_attributes(kHeartRate, stream_type(2));
-    });
+    core.add_sensor_type("health", {kHealth});
+    // Answered only after the fixed wait, while the mandatory wait re-sends it.
+    core.add_sensor_type("heart_rate", {kHeartRate}, milliseconds(3000));
     discover();
-    late_answer.join();
 
     EXPECT_TRUE(log_contains("it's a later boot"));
     EXPECT_TRUE(log_contains("non available ones heart_rate"));
+    EXPECT_TRUE(log_contains("re-sending request for heart_rate"));
     EXPECT_FALSE(log_contains("giving up"));
     EXPECT_TRUE(allMandatoryFound.load());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
     EXPECT_EQ(factory.attributesMap.at(kHeartRate).get_stream_type(), 2);
     EXPECT_EQ(factory.attributesMap.at(kHealth).get_stream_type(), 1);
+}
+
+TEST_F(DiscoveryEndToEndTest, SilentRegistryGivesUpAfterEightyLookups) {
+    core.add_silent_sensor_type("registry");
+    discover();
+
+    const auto requests = core.requests();
+    ASSERT_EQ(requests.size(), 81u);
+    for (size_t i = 0; i < 80; i++) EXPECT_EQ(requests[i].request.msg_id(), 512u) << i;
+    EXPECT_EQ(requests.back().request.msg_id(), 10u);
+    EXPECT_TRUE(log_contains("registry discovery countdown: 1"));
+    EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')"));
+    EXPECT_TRUE(log_contains("registry sensor not ready, not trying to get sensors list"));
+    EXPECT_FALSE(root.exists(kListPath));
+    EXPECT_FALSE(log_contains("Starting Parsing of XML Config File"));
 }
 
 }  // namespace
