@@ -1,6 +1,5 @@
 #include "sensorstore_image.h"
 
-#include <cstring>
 #include <stdexcept>
 
 namespace kivhal {
@@ -16,9 +15,7 @@ void append_le32(std::vector<uint8_t>& out, uint32_t value) {
 
 uint32_t load_le32(const std::string& bytes, size_t offset) {
     uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) {
-        value = (value << 8) | static_cast<uint8_t>(bytes[offset + static_cast<size_t>(i)]);
-    }
+    for (size_t i = 4; i-- > 0;) value = (value << 8) | static_cast<uint8_t>(bytes[offset + i]);
     return value;
 }
 
@@ -28,8 +25,7 @@ uint32_t sensorstore_image::channel_hash(const std::string& channel_name) {
     // Written out independently of the library: seed + sum of i * name[i],
     // over at most 255 characters.
     uint32_t hash = kHashSeed;
-    const size_t len = channel_name.size() & 0xff;
-    for (size_t i = 0; i < len; ++i) {
+    for (size_t i = 0; i < (channel_name.size() & 0xff); ++i) {
         hash += static_cast<uint32_t>(i) * static_cast<uint8_t>(channel_name[i]);
     }
     return hash;
@@ -37,23 +33,11 @@ uint32_t sensorstore_image::channel_hash(const std::string& channel_name) {
 
 sensorstore_image& sensorstore_image::add_record(uint32_t hash, const std::vector<uint8_t>& packet) {
     append_le32(_records, hash);
-    _records.insert(_records.end(), packet.begin(), packet.end());
-    return *this;
+    return add_raw(packet);
 }
 
 sensorstore_image& sensorstore_image::add_raw(const std::vector<uint8_t>& bytes) {
     _records.insert(_records.end(), bytes.begin(), bytes.end());
-    return *this;
-}
-
-sensorstore_image& sensorstore_image::set_data_len(uint32_t data_len) {
-    _data_len_set = true;
-    _data_len = data_len;
-    return *this;
-}
-
-sensorstore_image& sensorstore_image::set_reset_data_len(uint32_t reset_data_len) {
-    _reset_data_len = reset_data_len;
     return *this;
 }
 
@@ -78,12 +62,12 @@ void sensorstore_image::write(const scoped_root& root, size_t size) const {
 std::vector<uint8_t> make_stored_packet(uint16_t msg_id, uint16_t pkt_len) {
     if (pkt_len < 6) throw std::invalid_argument("a packet holds at least its 6-byte head");
     std::vector<uint8_t> packet(pkt_len);
+    for (size_t i = 6; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i);
     packet[0] = static_cast<uint8_t>(msg_id);
     packet[1] = static_cast<uint8_t>(msg_id >> 8);
     packet[2] = 1;
     packet[4] = static_cast<uint8_t>(pkt_len);
     packet[5] = static_cast<uint8_t>(pkt_len >> 8);
-    for (size_t i = 6; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i);
     return packet;
 }
 

@@ -21,8 +21,15 @@ public:
     // Bytes appended as they are, to make malformed areas.
     sensorstore_image& add_raw(const std::vector<uint8_t>& bytes);
     // Header fields; data_len defaults to the header plus everything added.
-    sensorstore_image& set_data_len(uint32_t data_len);
-    sensorstore_image& set_reset_data_len(uint32_t reset_data_len);
+    sensorstore_image& set_data_len(uint32_t data_len) {
+        _data_len_set = true;
+        _data_len = data_len;
+        return *this;
+    }
+    sensorstore_image& set_reset_data_len(uint32_t reset_data_len) {
+        _reset_data_len = reset_data_len;
+        return *this;
+    }
 
     // Header plus records; the area the write-info message reports.
     uint32_t area_len() const;
