@@ -66,7 +66,6 @@ TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListInAnswerOrderAndAttributesPe
     discover();
 
     EXPECT_TRUE(log_contains("first boot after flash"));
-    EXPECT_TRUE(log_contains("waiting for suids for 7s ..."));
     EXPECT_FALSE(log_contains("re-discover"));
     EXPECT_EQ(root.read_file(kListPath), "heart_rate\nhealth\n");
     EXPECT_EQ(factory.suidMap.at("heart_rate"), (std::vector<sensor_uid>{kHeartRate, kHeartRateRaw}));
@@ -74,7 +73,6 @@ TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListInAnswerOrderAndAttributesPe
     EXPECT_EQ(factory.attributesMap.at(kHealth).get_stream_type(), 1);
     EXPECT_EQ(factory.attributesMap.at(kHeartRate).get_stream_type(), 2);
     EXPECT_EQ(factory.attributesMap.at(kHeartRateRaw).get_stream_type(), 3);
-    EXPECT_TRUE(log_contains("attributes received"));
 }
 
 TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
@@ -102,7 +100,6 @@ TEST_F(DiscoveryEndToEndTest, SilentRegistryGivesUpAfterEightyLookups) {
     ASSERT_EQ(requests.size(), 81u);
     for (size_t i = 0; i < 80; i++) EXPECT_EQ(requests[i].request.msg_id(), 512u) << i;
     EXPECT_EQ(requests.back().request.msg_id(), 10u);
-    EXPECT_TRUE(log_contains("registry discovery countdown: 1"));
     EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')"));
     EXPECT_TRUE(log_contains("registry sensor not ready, not trying to get sensors list"));
     EXPECT_FALSE(root.exists(kListPath));
