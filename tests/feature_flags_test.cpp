@@ -39,42 +39,38 @@ TEST_F(FeatureFlagsTest, UnsetPropertiesLeaveEverythingOff) {
     EXPECT_FALSE(kiv_trace_enabled.load());
 }
 
-TEST_F(FeatureFlagsTest, SensorStoreIsOnUnlessTheValueStartsWithFalse) {
-    const struct {
-        const char* value;
-        bool expected;
-    } cases[] = {{"0", true},      {"no", true},       {"FALSE", true}, {"disabled", true},
-                 {"true", true},   {"false", false},   {"falsely", false}};
-    for (const auto& c : cases) {
-        set_property("persist.vendor.kiv.ds", c.value);
-        expect_in_child([] { return is_ds_supported(); }, c.expected, c.value);
-    }
-}
+bool ds() { return is_ds_supported(); }
+bool oda() { return is_oda_supported(); }
+bool aon() { return get_aon_prop() == 1; }
+bool trace() { return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load(); }
 
-TEST_F(FeatureFlagsTest, OdaAndTraceCompareOnlyFourCharactersWithTrue) {
+TEST_F(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
     const struct {
+        const char* property;
+        bool (*read)();
         const char* value;
         bool expected;
-    } cases[] = {{"true", true}, {"true1", true}, {"trueish", true},
-                 {"1", false},   {"TRUE", false}, {"yes", false}};
+    } cases[] = {
+        // The sensor store is on unless the value starts with "false".
+        {"persist.vendor.kiv.ds", ds, "0", true},
+        {"persist.vendor.kiv.ds", ds, "FALSE", true},
+        {"persist.vendor.kiv.ds", ds, "disabled", true},
+        {"persist.vendor.kiv.ds", ds, "false", false},
+        {"persist.vendor.kiv.ds", ds, "falsely", false},
+        // On-device analysis and tracing compare four characters with "true".
+        {"persist.vendor.kiv.ds_oda", oda, "true1", true},
+        {"persist.vendor.kiv.ds_oda", oda, "1", false},
+        {"persist.vendor.kiv.ds_oda", oda, "TRUE", false},
+        {"persist.vendor.debug.kiv.trace", trace, "trueish", true},
+        {"persist.vendor.debug.kiv.trace", trace, "yes", false},
+        // Always-on presence looks at the first character only.
+        {"ro.vendor.mr_aon_presence", aon, "10", true},
+        {"ro.vendor.mr_aon_presence", aon, "true", false},
+    };
     for (const auto& c : cases) {
-        set_property("persist.vendor.kiv.ds_oda", c.value);
-        set_property("persist.vendor.debug.kiv.trace", c.value);
-        expect_in_child([] { return is_oda_supported(); }, c.expected, c.value);
-        expect_in_child([] { return tav_ducto::check_kiv_trace_support_flag() &&
-                                    kiv_trace_enabled.load(); },
-                        c.expected, c.value);
-    }
-}
-
-TEST_F(FeatureFlagsTest, AonLooksOnlyAtTheFirstCharacter) {
-    const struct {
-        const char* value;
-        bool expected;
-    } cases[] = {{"1", true}, {"10", true}, {"true", false}, {"0", false}};
-    for (const auto& c : cases) {
-        set_property("ro.vendor.mr_aon_presence", c.value);
-        expect_in_child([] { return get_aon_prop() == 1; }, c.expected, c.value);
+        kivhal::host::clear_properties();
+        set_property(c.property, c.value);
+        expect_in_child(c.read, c.expected, std::string(c.property) + "=" + c.value);
     }
 }
 
