@@ -1,17 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "test_support.h"
 #include "tool_process.h"
 
+namespace kivhal {
+namespace test {
 namespace {
 
-using kivhal::test::run_program;
-
-const std::string kLint = std::string(KIVHAL_TOOLS_DIR) + "/kivhal-lint";
-const std::string kExample = std::string(KIVHAL_SOURCE_DIR) + "/examples/oem_config.xml";
-constexpr char kConfigPath[] = "/vendor/etc/sensors/oem_config.xml";
+const std::string kLint = tool("kivhal-lint");
 
 // Every line below carries at most one kind of mistake; the test names the
 // line numbers the linter must report.
@@ -49,44 +48,31 @@ constexpr char kBroken[] = R"(<configuration type="KIV_oem_datatype">
 </configuration>
 )";
 
-class LintTest : public ::testing::Test {
-protected:
-    std::string write(const std::string& contents) {
-        root.write_file(kConfigPath, contents);
-        return root.host_path(kConfigPath);
+// Lints `contents` as a file; expects `exit_code` and each `file:line: text`.
+void expect_lint(const std::string& contents, int exit_code,
+                 const std::vector<std::pair<int, std::string>>& expected) {
+    scoped_root root;
+    root.write_file("/oem_config.xml", contents);
+    const std::string path = root.host_path("/oem_config.xml");
+    const tool_result result = run_program(kLint, {path});
+    EXPECT_EQ(exit_code, result.exit_code) << result.out;
+    for (const auto& [line, text] : expected) {
+        const std::string wanted = path + ":" + std::to_string(line) + ": " + text;
+        EXPECT_TRUE(contains(result.out, wanted)) << "missing: " << wanted << "\n" << result.out;
     }
-    kivhal::test::scoped_root root;
-};
-
-TEST_F(LintTest, HelpAndBadArgumentsExitWithOneLine) {
-    auto help = run_program(kLint, {"--help"});
-    EXPECT_EQ(help.exit_code, 0);
-    EXPECT_NE(help.out.find("Usage: kivhal-lint FILE..."), std::string::npos);
-
-    for (const auto& args : {std::vector<std::string>{}, {"--bogus"},
-                             {root.host_path("/missing.xml")}}) {
-        auto bad = run_program(kLint, args);
-        EXPECT_EQ(bad.exit_code, 2);
-        EXPECT_EQ(bad.out, "");
-        ASSERT_FALSE(bad.err.empty());
-        EXPECT_EQ(bad.err.find('\n'), bad.err.size() - 1) << bad.err;
-        EXPECT_EQ(bad.err.rfind("kivhal-lint: ", 0), 0u) << bad.err;
-    }
+    // Nothing else: lines that are right stay unreported.
+    EXPECT_EQ(expected.size(), static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));
 }
 
-TEST_F(LintTest, ExampleConfigurationIsClean) {
-    auto result = run_program(kLint, {kExample});
-    EXPECT_EQ(result.exit_code, 0);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "");
+TEST(LintTest, UsageExampleAndUnreadableFiles) {
+    expect_usage_errors(kLint, "Usage: kivhal-lint FILE...", {{}, {"--bogus"}, {"/missing.xml"}});
+    const tool_result example = run_program(kLint, {kExampleConfig});
+    EXPECT_EQ(0, example.exit_code);
+    EXPECT_EQ("", example.out + example.err);
 }
 
-TEST_F(LintTest, ReportsEveryMistakeAtItsLine) {
-    const std::string path = write(kBroken);
-    auto result = run_program(kLint, {path});
-    EXPECT_EQ(result.exit_code, 1);
-
-    const std::pair<int, const char*> expected[] = {
+TEST(LintTest, ReportsEveryMistakeAtItsLine) {
+    expect_lint(kBroken, 1, {
         {3, "error: <datatype> without \"type\": the parser never gets past it"},
         {4, "error: data_type_value \"1000\" lacks the 0x prefix"},
         {5, "error: data_type_value \"0x10g0\" has non-hex digits"},
@@ -101,18 +87,15 @@ TEST_F(LintTest, ReportsEveryMistakeAtItsLine) {
         {27, "error: exercise 1 is defined again: this overwrites line 24"},
         {27, "error: auto_start \"yes\" is not a boolean"},
         {30, "error: <configuration> holds data types but has no \"type\""},
-    };
-    for (const auto& [line, text] : expected) {
-        const std::string wanted = path + ":" + std::to_string(line) + ": " + text;
-        EXPECT_NE(result.out.find(wanted), std::string::npos) << "missing: " << wanted;
-    }
-    // Nothing is reported for the lines that are right.
-    EXPECT_EQ(result.out.find(path + ":6:"), std::string::npos);
-    EXPECT_EQ(result.out.find(path + ":12:"), std::string::npos);
+    });
+    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1,
+                {{3, "error: not well-formed XML"}});
+    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1,
+                {{1, "error: no data type is defined"}});
 }
 
-TEST_F(LintTest, WarningsAloneExitZero) {
-    const std::string path = write(R"(<configuration type="KIV_oem_datatype">
+TEST(LintTest, WarningsAloneExitZero) {
+    expect_lint(R"(<configuration type="KIV_oem_datatype">
   <datatypes>
     <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/>
   </datatypes>
@@ -125,29 +108,11 @@ TEST_F(LintTest, WarningsAloneExitZero) {
     <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
   </autoExerciseType>
 </configuration>
-)");
-    auto result = run_program(kLint, {path});
-    EXPECT_EQ(result.exit_code, 0) << result.out;
-    EXPECT_NE(result.out.find(path + ":3: warning: unknown attribute \"colour\""), std::string::npos);
-    EXPECT_NE(result.out.find(path + ":7: warning: threshold type \"integer\" is read as \"int\""),
-              std::string::npos);
-    EXPECT_NE(result.out.find(path + ":11: warning: sensor type \"exercise\" is no data type's"),
-              std::string::npos);
-    EXPECT_EQ(result.out.find("error"), std::string::npos) << result.out;
-}
-
-TEST_F(LintTest, UnparsableFilesAreErrorsAtTheirLine) {
-    const std::string malformed = write("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n");
-    auto result = run_program(kLint, {malformed});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_NE(result.out.find(malformed + ":3: error: not well-formed XML"), std::string::npos)
-        << result.out;
-
-    const std::string empty_of_types = write("<configuration type=\"x\">\n  <goals/>\n</configuration>\n");
-    result = run_program(kLint, {empty_of_types});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_NE(result.out.find(":1: error: no data type is defined"), std::string::npos)
-        << result.out;
+)", 0, {{3, "warning: unknown attribute \"colour\""},
+        {7, "warning: threshold type \"integer\" is read as \"int\""},
+        {11, "warning: sensor type \"exercise\" is no data type's"}});
 }
 
 }  // namespace
+}  // namespace test
+}  // namespace kivhal

@@ -13,9 +13,7 @@ namespace kivhal {
 namespace test {
 
 struct tool_result {
-    int exit_code = -1;    // -1 when the program did not exit normally
-    int term_signal = 0;   // the signal that ended it, if any
-    bool timed_out = false;
+    int exit_code = -1;  // -1 when a signal or the time-out ended it
     std::string out;
     std::string err;
 };
@@ -28,16 +26,13 @@ public:
     tool_process(const tool_process&) = delete;
     tool_process& operator=(const tool_process&) = delete;
 
-    // Output so far.
     std::string out() const;
-    std::string err() const;
     // True once standard output contains `needle`.
-    bool wait_for_output(const std::string& needle, std::chrono::milliseconds timeout) const;
-    // Waits for the program to end; after `timeout` it is killed and the
-    // result says so.
-    tool_result wait(std::chrono::milliseconds timeout);
-    // Sends `signal_number`, then waits as above.
-    tool_result stop(int signal_number, std::chrono::milliseconds timeout);
+    bool wait_for_output(const std::string& needle,
+                         std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    // Sends `signal_number` (none when 0) and waits; after `timeout` the
+    // program is killed.
+    tool_result stop(int signal_number, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 private:
     pid_t _pid = -1;
@@ -45,9 +40,36 @@ private:
     std::string _err_path;
 };
 
-// Starts the program and waits for it.
 tool_result run_program(const std::string& path, const std::vector<std::string>& args,
                         std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 }  // namespace test
 }  // namespace kivhal
+
+#ifdef KIVHAL_TOOLS_DIR
+#include <gtest/gtest.h>
+namespace kivhal {
+namespace test {
+inline std::string tool(const char* name) { return std::string(KIVHAL_TOOLS_DIR) + "/" + name; }
+const std::string kExampleConfig = std::string(KIVHAL_SOURCE_DIR) + "/examples/oem_config.xml";
+inline bool contains(const std::string& text, const std::string& needle) {
+    return text.find(needle) != std::string::npos;
+}
+
+// `--help` prints the usage; each argument list in `bad` exits 2 with one
+// line on standard error and nothing on standard output.
+inline void expect_usage_errors(const std::string& path, const std::string& usage,
+                                const std::vector<std::vector<std::string>>& bad) {
+    const tool_result help = run_program(path, {"--help"});
+    EXPECT_EQ(0, help.exit_code);
+    EXPECT_TRUE(contains(help.out, usage)) << help.out;
+    for (const auto& args : bad) {
+        const tool_result result = run_program(path, args);
+        EXPECT_EQ(2, result.exit_code) << (args.empty() ? "" : args.back()) << "\n" << result.err;
+        EXPECT_EQ("", result.out);
+        EXPECT_EQ(result.err.size() - 1, result.err.find('\n')) << result.err;
+    }
+}
+}  // namespace test
+}  // namespace kivhal
+#endif
