@@ -28,7 +28,6 @@ TEST_F(connection_test, OpenThatKeepsTimingOutFailsAfterThreeSeconds) {
     EXPECT_GE(elapsed, milliseconds(2900));
     EXPECT_LT(elapsed, milliseconds(4500));
     EXPECT_EQ(3u, log_lines_containing("ducto channel open timeout").size());
-    EXPECT_TRUE(log_contains("retries count =  3"));
 }
 
 TEST_F(connection_test, OpenErrorsOtherThanTimeOutsFailAtOnce) {
@@ -48,14 +47,13 @@ TEST_F(connection_test, OpenErrorsOtherThanTimeOutsFailAtOnce) {
     EXPECT_TRUE(log_contains("retries count =  1"));
 }
 
-TEST_F(connection_test, BusyWritesAreRetriedAHundredTimes) {
+TEST_F(connection_test, WritesAreRetriedAHundredTimesAndReadsThreeTimes) {
     connect();
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EBUSY, 2), nullptr});
     send(kAccel, 512);
     ASSERT_TRUE(core->wait_for_requests(1, kWait));
     EXPECT_EQ(kPacketLen, core->requests()[0].raw.size());
-    EXPECT_EQ(2u, log_lines_containing("write failed with errno = 16").size());
     EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 2"));
     core->send_response({});
     ASSERT_TRUE(accel.wait_responses(1));
@@ -64,7 +62,6 @@ TEST_F(connection_test, BusyWritesAreRetriedAHundredTimes) {
     EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Unknown error -11 (-11)",
               thrown_by([&] { send(kAccel, 512); }));
     EXPECT_EQ(100u, log_lines_containing("write failed with errno = 11").size());
-    EXPECT_TRUE(log_contains("write MAX_DUCTO_WRITE_RETRIES = 100 has finished"));
 
     // The failed request left nothing pending: the next answer is the next request's.
     host::clear_channel_hooks();
@@ -73,10 +70,8 @@ TEST_F(connection_test, BusyWritesAreRetriedAHundredTimes) {
     core->send_response({});
     ASSERT_TRUE(gyro.wait_responses(1));
     EXPECT_EQ(1u, accel.responses().size());
-}
 
-TEST_F(connection_test, PartialWriteReturnsTheLastPieceAndReadGivesUpAfterThreeEagains) {
-    connect();
+    // A partial write is finished and its last piece's length returned.
     std::string written;
     host::channel_hooks hooks{nullptr, failing(host::real_read_node, EAGAIN), nullptr, nullptr};
     hooks.write = [&](int, const void* buf, size_t len) -> ssize_t {
@@ -85,17 +80,15 @@ TEST_F(connection_test, PartialWriteReturnsTheLastPieceAndReadGivesUpAfterThreeE
         return static_cast<ssize_t>(n);
     };
     host::set_channel_hooks(hooks);
-
     std::vector<uint8_t> packet(kPacketLen);
     for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i * 7);
     EXPECT_EQ(513, ducto()->ducto_write(3, packet.data(), kPacketLen));
     EXPECT_EQ(std::string(packet.begin(), packet.end()), written);
-    EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 0"));
 
     EXPECT_EQ(0, ducto()->ducto_read(3, packet.data(), 0));
     EXPECT_EQ(-EAGAIN, ducto()->ducto_read(3, packet.data(), 64));
     EXPECT_EQ(3u, log_lines_containing("read EAGAIN has occured on fd = 3").size());
-    EXPECT_TRUE(log_contains("read MAX_DUCTO_READ_RETRIES = 3 has finished"));
+    conn.reset();  // the hooks refer to this scope
 }
 
 TEST_F(connection_test, ReaderSurvivesAnErrorStreakAndAStrayWakeUpByte) {

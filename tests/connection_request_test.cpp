@@ -16,6 +16,8 @@ constexpr uint32_t kDisable = 10;
 constexpr uint32_t kDataEvent = 1025;
 constexpr int kMaxClients = 255;
 
+constexpr sensor_uid kNobody{0x3333, 0xc3};
+
 sensor_uid nth_sensor(int n) { return {static_cast<uint64_t>(n) + 1, 0x5e}; }
 
 // A request packet as the wire carries it: id 0x20, reserved 1, length 0.
@@ -28,25 +30,7 @@ std::vector<uint8_t> request_packet(uint8_t session, uint8_t client_id, uint8_t 
     return packet;
 }
 
-TEST_F(connection_test, RequestPacketsAreFramedByteForByte) {
-    connect();
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    ASSERT_EQ(0, register_sensor(kGyro, gyro));
-    const std::string payload = request_payload(kAccel, kLookup);
-    conn->send_request(kAccel, true, payload, 300);
-    conn->send_request(kGyro, false, std::string(1000, 'z'), 5);
-    EXPECT_EQ("other: TAV_DUCTO request payload size too large",
-              thrown_by([&] { conn->send_request(kGyro, true, std::string(1001, 'x'), 0); }));
-    EXPECT_TRUE(log_contains("request payload size is too large"));
-
-    ASSERT_TRUE(core->wait_for_requests(2, kWait));
-    const auto requests = core->requests();
-    ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ(request_packet(44, 1, 1, payload), requests[0].raw);  // session 300 & 0xff
-    EXPECT_EQ(request_packet(5, 2, 0, std::string(1000, 'z')), requests[1].raw);
-}
-
-TEST_F(connection_test, ResponsesGoToTheOldestPendingRequestsSensor) {
+TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendingRequest) {
     connect();
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
@@ -56,8 +40,17 @@ TEST_F(connection_test, ResponsesGoToTheOldestPendingRequestsSensor) {
     core->send_event(core_stub::make_event(kAccel, 1, "x"));
     ASSERT_TRUE(accel.wait_for(1));
 
-    for (sensor_uid suid : {kAccel, kGyro, kAccel, kAccel, kGyro}) send(suid, kLookup);
+    const std::string payload = request_payload(kAccel, kLookup);
+    conn->send_request(kAccel, true, payload, 300);
+    conn->send_request(kGyro, false, std::string(1000, 'z'), 5);
+    EXPECT_EQ("other: TAV_DUCTO request payload size too large",
+              thrown_by([&] { conn->send_request(kGyro, true, std::string(1001, 'x'), 0); }));
+    for (sensor_uid suid : {kAccel, kAccel, kGyro}) send(suid, kLookup);
     ASSERT_TRUE(core->wait_for_requests(5, kWait));
+    const auto requests = core->requests();
+    EXPECT_EQ(request_packet(44, 1, 1, payload), requests[0].raw);  // session 300 & 0xff
+    EXPECT_EQ(request_packet(5, 2, 0, std::string(1000, 'z')), requests[1].raw);
+
     core->send_response({true, 7, true, 70});
     core->send_response({true, 8, true, 80});
     core->send_response({false, 9, true, 90});    // client-id flag (body offset 4) clear
@@ -72,7 +65,6 @@ TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
     connect();
     EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Success (0)",
               thrown_by([&] { send(kAccel, kLookup); }));
-    EXPECT_TRUE(log_contains("clientid for suid.high a1 suid.low 1111  is not found in lookup table"));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     send(kAccel, kLookup);
     core->send_response({});
@@ -80,7 +72,6 @@ TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
     ASSERT_TRUE(accel.wait_for(1));
     EXPECT_EQ(1u, accel.responses().size());
     EXPECT_EQ(-1, register_sensor(kAccel, gyro)) << "an ordinary answer ended the registration";
-    EXPECT_TRUE(log_contains("This suid is alread registered"));
 
     send(kAccel, kDisable);
     ASSERT_TRUE(core->wait_for_requests(2, kWait));
@@ -141,49 +132,38 @@ TEST(connection_basics, ErrorTextIsCutAndOnlyTheDuctoTypeYieldsAConnection) {
     EXPECT_EQ(nullptr, tav_interface::create(static_cast<tav_connection_type>(2), {kChannel}));
 }
 
-TEST_F(connection_test, ReportsReachTheNamedSensorWithTheBootTimeOfArrival) {
+TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
     connect();
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     const std::string small = core_stub::make_event(kGyro, kDataEvent, "sample");
     const std::string jumbo = core_stub::make_event(kAccel, kDataEvent, std::string(6000, 'j'));
-    const uint64_t before = static_cast<uint64_t>(android::elapsedRealtimeNano());
-    core->send_packet(core_stub::make_report(small));
-    core->send_packet(core_stub::make_report(jumbo, true));
-    ASSERT_TRUE(gyro.wait_for(1) && accel.wait_for(1));
-    const uint64_t after = static_cast<uint64_t>(android::elapsedRealtimeNano());
-    EXPECT_EQ(small, gyro.events()[0].payload);
-    EXPECT_EQ(jumbo, accel.events()[0].payload);
-    for (const auto& event : {gyro.events()[0], accel.events()[0]}) {
-        EXPECT_GE(event.timestamp, before);
-        EXPECT_LE(event.timestamp, after);
-    }
-}
-
-TEST_F(connection_test, MalformedReportsAreDroppedAndTheReaderCarriesOn) {
-    connect();
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    const std::string event = core_stub::make_event(kAccel, kDataEvent, "ok");
-    auto oversized = core_stub::make_report(event);
+    const std::string last = core_stub::make_event(kAccel, kDataEvent, "ok");
+    auto oversized = core_stub::make_report(last);
     oversized[4] = oversized[5] = 0xff;  // packet length beyond the reader's buffer
+    const uint64_t before = static_cast<uint64_t>(android::elapsedRealtimeNano());
     for (const auto& packet : {
-             core_stub::make_report(""), core_stub::make_report(core_stub::make_event(kGyro, 1, "x")),
+             core_stub::make_report(small), core_stub::make_report(jumbo, true), core_stub::make_report(""),
+             core_stub::make_report(core_stub::make_event(kNobody, 1, "x")),
              core_stub::make_packet(0x23, std::vector<uint8_t>(20, 0x21)),
              core_stub::make_packet(0x7f, {0, 0, 0, 0}), core_stub::make_packet(0x24, {0, 0, 0, 0}),
              // Length fields past the bytes sent and past the packet buffer,
              // and a report too short to hold its length field.
-             core_stub::make_report_with_length(event, 9000),
-             core_stub::make_report_with_length(event, 0xfffffff0),
-             core_stub::make_packet(0x21, {1, 2, 3}), oversized, core_stub::make_report(event)}) {
+             core_stub::make_report_with_length(last, 9000), core_stub::make_report_with_length(last, 0xfffffff0),
+             core_stub::make_packet(0x21, {1, 2, 3}), oversized, core_stub::make_report(last)}) {
         core->send_packet(packet);
     }
-    ASSERT_TRUE(accel.wait_for(1));
+    ASSERT_TRUE(gyro.wait_for(1) && accel.wait_for(2));
+    const uint64_t after = static_cast<uint64_t>(android::elapsedRealtimeNano());
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_EQ(1u, accel.events().size());
-    EXPECT_EQ(event, accel.events()[0].payload);
-    EXPECT_TRUE(log_contains("first level decoding suid failed"));
-    EXPECT_TRUE(log_contains("Registered callback is null"));
-    EXPECT_EQ(2u, log_lines_containing("invalid msg id").size());
+    ASSERT_EQ(2u, accel.events().size());
+    EXPECT_EQ(small, gyro.events()[0].payload);
+    EXPECT_EQ(jumbo, accel.events()[0].payload);
+    EXPECT_EQ(last, accel.events()[1].payload);
+    for (const auto& event : {gyro.events()[0], accel.events()[0]}) {
+        EXPECT_GE(event.timestamp, before);
+        EXPECT_LE(event.timestamp, after);
+    }
     EXPECT_EQ(4u, log_lines_containing(", dropped").size());
     EXPECT_EQ(1u, log_lines_containing("larger than the buffer").size());
 }

@@ -8,11 +8,9 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <functional>
 #include <memory>
-#include <string>
 #include <thread>
 
 #include "core_stub.h"
@@ -87,7 +85,6 @@ protected:
         ASSERT_TRUE(core->wait_connected(kWait));
     }
     tav_ducto* ducto() { return static_cast<tav_ducto*>(conn.get()); }
-
     int register_sensor(sensor_uid suid, event_recorder& recorder) {
         return conn->register_cb(suid, recorder.response_callback(), nullptr, recorder.callback());
     }
