@@ -216,6 +216,8 @@ TEST_F(DiscoveryCallbacksTest, AttributesAreStoredPerSensorAndAMissingAnswerTime
     EXPECT_TRUE(log_contains("requesting attributes for two-1"));
 
     // A late answer is still stored: other events skipped, a repeated id's last value kept.
+    // (The first answer may already have logged a count of 0 before the second request.)
+    kivhal::host::clear_captured_log();
     sns_std_attr_event late;
     for (const char* name : {"old", "new"}) {
         sns_std_attr* attr = late.add_attributelist();
