@@ -15,23 +15,8 @@ constexpr uint32_t kAttributeRequestMsgId = 1;
 constexpr uint32_t kDisableRequestMsgId = 10;
 constexpr uint32_t kLookupEventMsgId = 768;
 constexpr uint32_t kAttributeEventMsgId = 128;
-constexpr uint64_t kLookupSuidHalf = 0xababababababababULL;
 
 }  // namespace
-
-sensor_uid fake_tav_interface::lookup_suid() {
-    return {kLookupSuidHalf, kLookupSuidHalf};
-}
-
-bool fake_request::to_lookup_service() const {
-    return suid == fake_tav_interface::lookup_suid();
-}
-
-fake_tav_interface::fake_tav_interface() : _thread([this] { run(); }) {}
-
-fake_tav_interface::~fake_tav_interface() {
-    stop();
-}
 
 void fake_tav_interface::stop() {
     {
@@ -43,23 +28,19 @@ void fake_tav_interface::stop() {
     if (_thread.joinable()) _thread.join();
 }
 
-int fake_tav_interface::register_cb(sensor_uid suid, tav_resp_cb /*resp_cb*/,
-                                    tav_error_cb /*error_cb*/, tav_event_cb event_cb) {
+int fake_tav_interface::register_cb(sensor_uid suid, tav_resp_cb, tav_error_cb, tav_event_cb event_cb) {
     std::lock_guard<std::mutex> lock(_mutex);
     _callbacks[suid] = std::move(event_cb);
     return 0;
 }
 
-int fake_tav_interface::send_request(sensor_uid suid, bool flag, std::string payload,
-                                     int session_id) {
-    fake_request request;
-    request.suid = suid;
-    request.flag = flag;
-    request.session_id = session_id;
-    const bool decoded = request.envelope.ParseFromString(payload) &&
-                         (request.to_lookup_service()
-                              ? request.lookup.ParseFromString(request.envelope.request().payload())
-                              : request.attr.ParseFromString(request.envelope.request().payload()));
+int fake_tav_interface::send_request(sensor_uid suid, bool flag, std::string payload, int session_id) {
+    fake_request request{suid, flag, session_id, {}, {}, {}};
+    const std::string* inner = request.envelope.ParseFromString(payload)
+                                   ? &request.envelope.request().payload()
+                                   : nullptr;
+    const bool decoded = inner && (suid == kLookupSuid ? request.lookup.ParseFromString(*inner)
+                                                       : request.attr.ParseFromString(*inner));
     if (!decoded) throw std::runtime_error("fake core: undecodable request");
     std::lock_guard<std::mutex> lock(_mutex);
     _requests.push_back(request);
@@ -69,31 +50,26 @@ int fake_tav_interface::send_request(sensor_uid suid, bool flag, std::string pay
     if (request.msg_id() == kDisableRequestMsgId) {
         _callbacks.erase(callback);
     } else if (!event.empty()) {
-        _queue.push_back({callback->second, std::move(event)});
+        _queue.emplace_back(callback->second, std::move(event));
         _wake.notify_all();
     }
     return 0;
 }
 
-std::string fake_tav_interface::answer(const fake_request& request) {
-    if (request.to_lookup_service() && request.msg_id() == kLookupRequestMsgId) {
+std::string fake_tav_interface::answer(const fake_request& request) const {
+    if (request.suid == kLookupSuid && request.msg_id() == kLookupRequestMsgId) {
         auto type = _sensor_types.find(request.lookup.datatypename());
         return type == _sensor_types.end() ? "" : make_lookup_event(type->first, type->second);
     }
-    auto entry = _attributes.find(request.suid);
-    if (request.msg_id() != kAttributeRequestMsgId || entry == _attributes.end()) return "";
-    return make_event_msg(request.suid, {{kAttributeEventMsgId, entry->second.SerializeAsString()}});
+    if (request.msg_id() != kAttributeRequestMsgId || !_with_attributes.count(request.suid)) return "";
+    return make_event_msg(request.suid, {{kAttributeEventMsgId, sns_std_attr_event().SerializeAsString()}});
 }
 
-void fake_tav_interface::add_sensor_type(const std::string& data_type,
-                                         std::vector<sensor_uid> suids) {
+void fake_tav_interface::add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
+                                         bool attributes) {
     std::lock_guard<std::mutex> lock(_mutex);
+    if (attributes) _with_attributes.insert(suids.begin(), suids.end());
     _sensor_types[data_type] = std::move(suids);
-}
-
-void fake_tav_interface::set_attributes(sensor_uid suid, const sns_std_attr_event& attributes) {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _attributes[suid] = attributes;
 }
 
 std::vector<fake_request> fake_tav_interface::requests() const {
@@ -106,11 +82,10 @@ void fake_tav_interface::run() {
     while (true) {
         _wake.wait(lock, [this] { return _stopping || !_queue.empty(); });
         if (_stopping) return;
-        delivery item = std::move(_queue.front());
+        auto [callback, event] = std::move(_queue.front());
         _queue.pop_front();
         lock.unlock();
-        item.callback(reinterpret_cast<const uint8_t*>(item.encoded_event.data()),
-                      static_cast<uint32_t>(item.encoded_event.size()), 0);
+        callback(reinterpret_cast<const uint8_t*>(event.data()), static_cast<uint32_t>(event.size()), 0);
         lock.lock();
     }
 }
@@ -124,7 +99,7 @@ std::string fake_tav_interface::make_lookup_event(const std::string& data_type,
         out->set_uidlow(suid.low);
         out->set_uidhigh(suid.high);
     }
-    return make_event_msg(lookup_suid(), {{kLookupEventMsgId, lookup.SerializeAsString()}});
+    return make_event_msg(kLookupSuid, {{kLookupEventMsgId, lookup.SerializeAsString()}});
 }
 
 std::string fake_tav_interface::make_event_msg(

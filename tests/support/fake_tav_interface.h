@@ -5,9 +5,9 @@
 // reader thread delivers the core's reports.
 //
 // Lookups (512) of configured types get a lookup event (768); unknown types get
-// no answer. Attribute requests (1) of sensors with attributes get an attribute
-// event (128). A disable request (10) drops that sensor's registration, as the
-// connection does; answers already queued still arrive.
+// no answer. Attribute requests (1) of sensors set to answer get an empty
+// attribute event (128). A disable request (10) drops that sensor's
+// registration, as the connection does; answers already queued still arrive.
 
 #include <condition_variable>
 #include <cstdint>
@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "sns_client.pb.h"
@@ -26,6 +27,9 @@
 
 namespace kivhal {
 namespace test {
+
+inline constexpr uint64_t kLookupSuidHalf = 0xababababababababULL;
+inline const sensor_uid kLookupSuid{kLookupSuidHalf, kLookupSuidHalf};
 
 // One request as the fake decoded it: a lookup for the lookup service, an
 // attribute request otherwise.
@@ -38,26 +42,21 @@ struct fake_request {
     sns_std_attr_req attr;
 
     uint32_t msg_id() const { return envelope.msg_id(); }
-    bool to_lookup_service() const;
 };
 
 class fake_tav_interface : public tav_interface {
 public:
-    fake_tav_interface();
-    ~fake_tav_interface() override;
-    fake_tav_interface(const fake_tav_interface&) = delete;
-    fake_tav_interface& operator=(const fake_tav_interface&) = delete;
+    fake_tav_interface() : _thread([this] { run(); }) {}
+    ~fake_tav_interface() override { stop(); }
 
     int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
                     tav_event_cb event_cb) override;
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
 
-    static sensor_uid lookup_suid();
-
-    // Lookups of `data_type` are answered with `suids`, in request order.
-    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids);
-    void set_attributes(sensor_uid suid, const sns_std_attr_event& attributes);
-
+    // Lookups of `data_type` are answered with `suids`, in request order; with
+    // `attributes`, so are those sensors' attribute requests.
+    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
+                         bool attributes = false);
     std::vector<fake_request> requests() const;
     // Stops answering; nothing is delivered afterwards.
     void stop();
@@ -68,13 +67,8 @@ public:
                                       const std::vector<std::pair<uint32_t, std::string>>& events);
 
 private:
-    struct delivery {
-        tav_event_cb callback;
-        std::string encoded_event;
-    };
-
     // The encoded answer to `request`, empty for none; called with _mutex held.
-    std::string answer(const fake_request& request);
+    std::string answer(const fake_request& request) const;
     void run();
 
     mutable std::mutex _mutex;
@@ -83,8 +77,8 @@ private:
     std::vector<fake_request> _requests;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
-    std::unordered_map<sensor_uid, sns_std_attr_event, sensor_uid_hash> _attributes;
-    std::deque<delivery> _queue;
+    std::unordered_set<sensor_uid, sensor_uid_hash> _with_attributes;
+    std::deque<std::pair<tav_event_cb, std::string>> _queue;
     std::thread _thread;
 };
 
