@@ -51,6 +51,10 @@ kt::DataTypeGoal float_goal(int32_t type, uint32_t comparison, float value) {
     return g;
 }
 
+std::string bytes_of(const kt::DataTypeGoal& g) {
+    return std::string(reinterpret_cast<const char*>(g.threshold.bytesValue), g.thresholdLength);
+}
+
 class CatalogueTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -138,7 +142,6 @@ TEST_F(CatalogueTest, RowsFollowTheirOwnConfigurationAndSensorTypesAppendOnce) {
     EXPECT_EQ(row(0x1001).typeName, "HEART_BPM");
     EXPECT_EQ(row(0x1001).sensorType, "Heart");
     EXPECT_TRUE(row(0x1001).available);
-    EXPECT_EQ(log_lines_containing("parseOEMConfig:").size(), 1u + 3 * 3);
     std::vector<std::string> names(factory.discoveryList.begin(), factory.discoveryList.end());
     std::sort(names.begin() + 2, names.end());
     EXPECT_THAT(names, ElementsAre("health", "health_async_announce", "Heart", "spo2", "steps"));
@@ -173,11 +176,8 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 && a[0].comparisonType == kGe);
     EXPECT_TRUE(a[1].threshold.intValue == -3 && a[1].comparisonType == kLe);
     ASSERT_EQ(row(0x10000).goals.size(), 2u);
-    const kt::DataTypeGoal& ab = row(0x10000).goals[0];
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(ab.threshold.bytesValue), ab.thresholdLength), "AB");
-    const kt::DataTypeGoal& digits = row(0x10000).goals[1];
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(digits.threshold.bytesValue), digits.thresholdLength),
-              "123");
+    EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "AB");
+    EXPECT_EQ(bytes_of(row(0x10000).goals[1]), "123");
     ASSERT_EQ(row(0x1001).goals.size(), 2u);
     EXPECT_FLOAT_EQ(row(0x1001).goals[0].threshold.floatValue, 2.5f);
     EXPECT_FLOAT_EQ(row(0x1001).goals[1].threshold.floatValue, 0.0f);
@@ -210,20 +210,16 @@ TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeOnlyWhenAutoStart) {
     EXPECT_EQ(exercise(3).typeName, "WALK");
     EXPECT_TRUE(exercise(3).autoStart && exercise(3).autoStop && !exercise(3).autoPause);
     EXPECT_THAT(exercise(3).autoStartDataTypes, UnorderedElementsAre(dt(0x1000), dt(0x1008)));
-    EXPECT_TRUE(log_contains("exerNum = 3, autoStart = 1, autoStop = 1, autoPause = 0"));
     EXPECT_FALSE(exercise(4).autoStart || exercise(4).autoPause);  // "yes" is no boolean
     EXPECT_TRUE(exercise(4).autoStartDataTypes.empty());
     EXPECT_EQ(exercise(9).typeName, "SECOND");
     EXPECT_TRUE(exercise(9).autoPause && !exercise(9).autoStart);
-    EXPECT_EQ(log_lines_containing("AutoExerciseMap Size = 3").size(), 2u);
 }
 
 TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValueAborts) {
     EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));
-    const auto failures = log_lines_containing("XML Config File Not Opened");
-    ASSERT_EQ(failures.size(), 2u);
-    EXPECT_EQ(failures[0].priority, ANDROID_LOG_ERROR);
+    EXPECT_EQ(log_lines_containing("XML Config File Not Opened").size(), 2u);
     kivhal::host::clear_captured_log();
     EXPECT_FALSE(parse("<config><datatypes/></config>"));
     EXPECT_EQ(kivhal::host::captured_log().size(), 1u);  // only "Opened"
@@ -253,22 +249,20 @@ protected:
         factory.suidMap = {{"steps", {steps}}, {"heart", {heart, heart2}}, {"silent", {silent}}};
         for (const sensor_uid& suid : {steps, heart, heart2}) factory.attributesMap.emplace(suid, sensor_attributes());
         ASSERT_TRUE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="steps" type="a" data_type_value="0x1000"/>
-  <datatype sensor_type="heart" type="b" data_type_value="0x1001"/>
-  <datatype sensor_type="heart" type="c" data_type_value="0x10000"/>
-  <datatype sensor_type="steps" type="d" data_type_value="0x5001"/>
-  <datatype sensor_type="silent" type="e" data_type_value="0x1008"/></datatypes><goals>
-  <goal data_type_value="0x1000">
-    <threshold type="int" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    <threshold type="int" type_value="60" comparison_type="LESS_THAN_OR_EQUAL"/>
-    <threshold type="int" type_value="10" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
+  <datatype sensor_type="steps" type="a" data_type_value="0x1000"/><datatype sensor_type="heart" type="b"
+    data_type_value="0x1001"/><datatype sensor_type="heart" type="c" data_type_value="0x10000"/>
+  <datatype sensor_type="steps" type="d" data_type_value="0x5001"/><datatype sensor_type="silent" type="e"
+    data_type_value="0x1008"/></datatypes><goals>
+  <goal data_type_value="0x1000"><threshold type="int" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
+    <threshold type="int" type_value="60" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="int"
+      type_value="10" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x10000"><threshold type="byte" type_value="A&#xFF;" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x5001"><threshold type="int" type_value="1" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x1008"><threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
 </goals><autoExerciseType>
-  <exercisetype type="one" sensor_type="steps" exercise_num="1" auto_start="true" auto_stop="true" auto_pause="true">
-    <datatype type="A"/><datatype type="B"/></exercisetype>
+  <exercisetype type="one" sensor_type="steps" exercise_num="1" auto_start="true" auto_stop="true"
+    auto_pause="true"><datatype type="A"/><datatype type="B"/></exercisetype>
   <exercisetype type="two" sensor_type="silent" exercise_num="2" auto_start="true" auto_stop="true" auto_pause="true"/>
   <exercisetype type="three" sensor_type="heart" exercise_num="3" auto_pause="true"/>
   <exercisetype type="four" sensor_type="gone" exercise_num="4" auto_stop="true"/>
@@ -280,10 +274,9 @@ protected:
 TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
     factory.setSensorAvailabilityStatus("heart", false);
     EXPECT_THAT(factory.listAvailableSensorTypes(), UnorderedElementsAre("steps", "heart"));
-    EXPECT_EQ(log_lines_containing("listAvailableSensorTypes:").size(), 3u);  // once per SUID
     EXPECT_THAT(factory.getSupportedMetricsTypes(),
                 UnorderedElementsAre(dt(0x1000), dt(0x1001), dt(0x10000), dt(0x5001)));
-    EXPECT_TRUE(log_contains("getSupportedMetricsTypes:") && log_contains(", steps : 4096"));
+    EXPECT_TRUE(log_contains(", steps : 4096"));
 
     EXPECT_FALSE(factory.getSensorAvailabilityStatus("heart"));
     EXPECT_THAT(factory.getAllDatatypes("heart"), IsEmpty());
@@ -332,10 +325,7 @@ TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparison) {
     EXPECT_FALSE(log_contains("Goal not supported"));
 
     EXPECT_FALSE(factory.isGoalSupported(goal(0x1009, kLe, 1)));
-    const auto errors = log_lines_containing("Goal not supported for datatype ");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].priority, ANDROID_LOG_ERROR);
-    EXPECT_THAT(errors[0].text, EndsWith("datatype 4105"));
+    EXPECT_TRUE(log_contains("Goal not supported for datatype 4105"));
     EXPECT_TRUE(row(0x1009).sensorType.empty());
     EXPECT_EQ(factory.getSupportedMetricsTypes().size(), 4u);
 }
@@ -347,11 +337,9 @@ TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailabil
     }
     EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(0x1000), dt(0x1001))),
                                    Pair(ex(2), IsEmpty())));
-    EXPECT_TRUE(log_contains("Exercise Type : 2 "));
     EXPECT_THAT(factory.getAutoStopList(), ElementsAre(ex(1)));
-    EXPECT_TRUE(log_contains("getAutoStopList:") && log_contains(", ONE : 1"));
+    EXPECT_TRUE(log_contains(", ONE : 1"));
     EXPECT_THAT(factory.getAutoPauseList(), UnorderedElementsAre(ex(1), ex(3)));
-    EXPECT_TRUE(log_contains("List of Auto Pause Exercise Types Supported"));
 }
 
 }  // namespace
