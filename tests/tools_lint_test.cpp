@@ -14,38 +14,24 @@ const std::string kLint = tool("kivhal-lint");
 
 // Every line below carries at most one kind of mistake; the test names the
 // line numbers the linter must report.
-constexpr char kBroken[] = R"(<configuration type="KIV_oem_datatype">
-  <datatypes>
+constexpr char kBroken[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
     <datatype sensor_type="hr" data_type_value="0x1000"/>
     <datatype sensor_type="hr" type="hr" data_type_value="1000"/>
     <datatype sensor_type="hr" type="hr2" data_type_value="0x10g0"/>
     <datatype sensor_type="spo2" type="spo2" data_type_value="0x1002"/>
     <datatype sensor_type="spo2" type="spo2b" data_type_value="0x1002"/>
-    <datatype sensor_type="x" type="x" data_type_value="0x5004"/>
-  </datatypes>
-  <goals>
-    <goal data_type_value="0x1001">
-      <threshold type="int" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/>
-    </goal>
-    <goal data_type_value="0x1002">
-      <threshold type="double" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/>
+    <datatype sensor_type="x" type="x" data_type_value="0x5004"/></datatypes><goals>
+    <goal data_type_value="0x1001"><threshold type="int" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
+    <goal data_type_value="0x1002"><threshold type="double" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/>
       <threshold type="float" type_value="95" comparison_type="EQUAL"/>
-      <threshold type="int" type_value="95" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal>
-    <goal data_type_value="0x5004">
-      <threshold type="byte" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal>
-  </goals>
-  <autoExerciseType>
+      <threshold type="int" type_value="95" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
+    <goal data_type_value="0x5004"><threshold type="byte" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
+  </goals><autoExerciseType>
     <exercisetype type="walk" sensor_type="spo2" exercise_num="1" auto_start="true">
-      <datatype type="Steps"/>
-    </exercisetype>
+      <datatype type="Steps"/></exercisetype>
     <exercisetype type="run" sensor_type="spo2" exercise_num="1" auto_start="yes"/>
-  </autoExerciseType>
-</configuration>
-<configuration>
-  <datatypes><datatype sensor_type="a" type="a" data_type_value="0x3"/></datatypes>
-</configuration>
+  </autoExerciseType></configuration>
+<configuration><datatypes><datatype sensor_type="a" type="a" data_type_value="0x3"/></datatypes></configuration>
 )";
 
 // Lints `contents` as a file; expects `exit_code` and each `file:line: text`.
@@ -73,20 +59,20 @@ TEST(LintTest, UsageExampleAndUnreadableFiles) {
 
 TEST(LintTest, ReportsEveryMistakeAtItsLine) {
     expect_lint(kBroken, 1, {
-        {3, "error: <datatype> without \"type\": the parser never gets past it"},
-        {4, "error: data_type_value \"1000\" lacks the 0x prefix"},
-        {5, "error: data_type_value \"0x10g0\" has non-hex digits"},
-        {7, "error: data type 0x1002 is defined again: this overwrites line 6"},
-        {11, "error: goal for data type 0x1001, which is not defined"},
-        {15, "error: threshold type \"double\" is not int, float or byte"},
-        {16, "error: comparison_type \"EQUAL\" is neither"},
-        {17, "error: threshold type \"int\" on data type 0x1002, whose output format is 2"},
-        {20, "error: byte threshold without \"type_value\""},
-        {20, "error: data type 0x5004 has output format 0"},
-        {25, "error: exercise data type \"Steps\" matches no data type"},
-        {27, "error: exercise 1 is defined again: this overwrites line 24"},
-        {27, "error: auto_start \"yes\" is not a boolean"},
-        {30, "error: <configuration> holds data types but has no \"type\""},
+        {2, "error: <datatype> without \"type\": the parser never gets past it"},
+        {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
+        {4, "error: data_type_value \"0x10g0\" has non-hex digits"},
+        {6, "error: data type 0x1002 is defined again: this overwrites line 5"},
+        {8, "error: goal for data type 0x1001, which is not defined"},
+        {9, "error: threshold type \"double\" is not int, float or byte"},
+        {10, "error: comparison_type \"EQUAL\" is neither"},
+        {11, "error: threshold type \"int\" on data type 0x1002, whose output format is 2"},
+        {12, "error: byte threshold without \"type_value\""},
+        {12, "error: data type 0x5004 has output format 0"},
+        {15, "error: exercise data type \"Steps\" matches no data type"},
+        {16, "error: exercise 1 is defined again: this overwrites line 14"},
+        {16, "error: auto_start \"yes\" is not a boolean"},
+        {18, "error: <configuration> holds data types but has no \"type\""},
     });
     expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1,
                 {{3, "error: not well-formed XML"}});
@@ -95,22 +81,15 @@ TEST(LintTest, ReportsEveryMistakeAtItsLine) {
 }
 
 TEST(LintTest, WarningsAloneExitZero) {
-    expect_lint(R"(<configuration type="KIV_oem_datatype">
-  <datatypes>
-    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/>
-  </datatypes>
-  <goals>
-    <goal data_type_value="0x1">
-      <threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal>
-  </goals>
-  <autoExerciseType>
+    expect_lint(R"(<configuration type="KIV_oem_datatype"><datatypes>
+    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/></datatypes><goals>
+    <goal data_type_value="0x1"><threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
+    </goal></goals><autoExerciseType>
     <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
-  </autoExerciseType>
-</configuration>
-)", 0, {{3, "warning: unknown attribute \"colour\""},
-        {7, "warning: threshold type \"integer\" is read as \"int\""},
-        {11, "warning: sensor type \"exercise\" is no data type's"}});
+  </autoExerciseType></configuration>
+)", 0, {{2, "warning: unknown attribute \"colour\""},
+        {3, "warning: threshold type \"integer\" is read as \"int\""},
+        {5, "warning: sensor type \"exercise\" is no data type's"}});
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,7 +19,6 @@ namespace test {
 namespace {
 
 constexpr std::chrono::milliseconds kPollStep{10};
-constexpr int kExecFailed = 127;
 
 std::string make_temp_file() {
     std::string path = "/tmp/kivhal-tool-XXXXXX";
@@ -43,17 +43,13 @@ tool_process::tool_process(const std::string& path, const std::vector<std::strin
     std::vector<char*> argv;
     for (std::string& arg : storage) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    _pid = fork();
-    if (_pid < 0) throw std::runtime_error("fork: " + std::string(strerror(errno)));
-    if (_pid == 0) {
-        // Only async-signal-safe calls from here on.
-        const int out = open(_out_path.c_str(), O_WRONLY | O_TRUNC);
-        const int err = open(_err_path.c_str(), O_WRONLY | O_TRUNC);
-        if (out >= 0 && err >= 0 && dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0) {
-            execv(argv[0], argv.data());
-        }
-        _exit(kExecFailed);
-    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _out_path.c_str(), O_WRONLY | O_TRUNC, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, _err_path.c_str(), O_WRONLY | O_TRUNC, 0);
+    const int error = posix_spawn(&_pid, path.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error("posix_spawn " + path + ": " + strerror(error));
 }
 
 tool_process::~tool_process() {
