@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "kiv_log.h"
+#include "sns_msg_ids.h"
 #include "sns_client.pb.h"
 #include "tav_ducto.h"
 #include "tav_ducto_internal.h"
@@ -18,7 +19,6 @@ constexpr uint8_t kFirstClientReqId = 1;
 constexpr uint8_t kLastClientReqId = 255;
 constexpr uint8_t kNoClientReqId = 0;
 constexpr uint16_t kRequestConstant = 1;
-constexpr uint32_t kDisableRequestMsgId = 10;
 constexpr int64_t kSlowWriteNs = 2000000000;
 constexpr double kNsPerSecond = 1000000000.0;
 constexpr int kSessionIdMask = 0xff;
@@ -189,7 +189,7 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
     static_assert(SNS_DUCTO_REQ_MAX_PAYLOAD_LEN <= sizeof(head->payload), "payload room");
     memcpy(head->payload, payload.data(), payload.size());
 
-    const bool is_disable = request.msg_id() == kDisableRequestMsgId;
+    const bool is_disable = request.msg_id() == kivhal::msg::DISABLE_REQUEST;
     // Recorded before the write, so that a fast response finds them.
     if (is_disable) {
         std::lock_guard<std::mutex> lock(_suid_map_mutex);

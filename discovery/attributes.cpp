@@ -6,6 +6,7 @@
 
 #include "discovery_util.h"
 #include "kiv_log.h"
+#include "sns_msg_ids.h"
 #include "kiv_sensor_factory.h"
 #include "sns_client.pb.h"
 #include "sns_std_attr.pb.h"
@@ -14,11 +15,6 @@ using kivhal::discovery::increment_or_abort;
 
 namespace {
 
-constexpr uint32_t kAttributeRequestMsgId = 1;
-constexpr uint32_t kReleaseRequestMsgId = 10;
-constexpr uint32_t kAttributeEventMsgId = 128;
-constexpr uint32_t kProcessorKind = 0;
-constexpr uint32_t kDeliveryMode = 1;
 constexpr int kSessionId = 0;
 
 constexpr int kAttributeWaitSteps = 100;
@@ -53,9 +49,9 @@ sns_client_request_msg kiv_sensor_factory::create_attr_request(sensor_uid suid, 
     sns_client_request_msg envelope;
     envelope.mutable_suid()->set_uidlow(suid.low);
     envelope.mutable_suid()->set_uidhigh(suid.high);
-    envelope.set_msg_id(disable ? kReleaseRequestMsgId : kAttributeRequestMsgId);
-    envelope.mutable_suspendconfig()->set_processorkind(kProcessorKind);
-    envelope.mutable_suspendconfig()->set_deliverymode(kDeliveryMode);
+    envelope.set_msg_id(disable ? kivhal::msg::DISABLE_REQUEST : kivhal::msg::ATTRIBUTE_REQUEST);
+    envelope.mutable_suspendconfig()->set_processorkind(kivhal::msg::PROCESSOR_KIND);
+    envelope.mutable_suspendconfig()->set_deliverymode(kivhal::msg::DELIVERY_MODE);
     envelope.mutable_request()->set_payload(attr_payload);
     return envelope;
 }
@@ -129,7 +125,7 @@ void kiv_sensor_factory::default_attributes_lookup_callback(const uint8_t* data,
     int index = 0;
     for (const auto& event : msg.eventlist()) {
         KIV_LOGV("event[%d] msg_id=%d", index++, event.msg_id());
-        if (event.msg_id() == kAttributeEventMsgId) {
+        if (event.msg_id() == kivhal::msg::ATTRIBUTE_EVENT) {
             handle_attribute_event(suid, event);
         }
     }

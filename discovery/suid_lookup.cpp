@@ -4,6 +4,7 @@
 
 #include "discovery_util.h"
 #include "kiv_log.h"
+#include "sns_msg_ids.h"
 #include "kiv_sensor_factory.h"
 #include "sns_client.pb.h"
 #include "sns_suid.pb.h"
@@ -13,11 +14,6 @@ using kivhal::discovery::steady_now_ns;
 
 namespace {
 
-constexpr uint32_t kLookupRequestMsgId = 512;
-constexpr uint32_t kDisableRequestMsgId = 10;
-constexpr uint32_t kLookupEventMsgId = 768;
-constexpr uint32_t kProcessorKind = 0;
-constexpr uint32_t kDeliveryMode = 1;
 constexpr int kSessionId = 0;
 constexpr const char* kRegistrySensorType = "registry";
 
@@ -49,12 +45,12 @@ void kiv_sensor_factory::request_suid(std::string datatype, bool disable, bool l
     lookup.SerializeToString(&lookup_payload);
 
     sns_client_request_msg envelope;
-    envelope.set_msg_id(disable ? kDisableRequestMsgId : kLookupRequestMsgId);
+    envelope.set_msg_id(disable ? kivhal::msg::DISABLE_REQUEST : kivhal::msg::LOOKUP_REQUEST);
     envelope.mutable_request()->set_payload(lookup_payload);
     envelope.mutable_suid()->set_uidlow(lookupSuid.low);
     envelope.mutable_suid()->set_uidhigh(lookupSuid.high);
-    envelope.mutable_suspendconfig()->set_processorkind(kProcessorKind);
-    envelope.mutable_suspendconfig()->set_deliverymode(kDeliveryMode);
+    envelope.mutable_suspendconfig()->set_processorkind(kivhal::msg::PROCESSOR_KIND);
+    envelope.mutable_suspendconfig()->set_deliverymode(kivhal::msg::DELIVERY_MODE);
     std::string encoded;
     envelope.SerializeToString(&encoded);
 
@@ -67,7 +63,7 @@ void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t 
     sns_client_event_msg msg;
     if (parse_event_msg(data, length, msg)) {
         for (const auto& event : msg.eventlist()) {
-            if (event.msg_id() != kLookupEventMsgId) {
+            if (event.msg_id() != kivhal::msg::LOOKUP_EVENT) {
                 KIV_LOGE("invalid event msg_id=%d", event.msg_id());
                 continue;
             }
@@ -92,7 +88,7 @@ void kiv_sensor_factory::default_suids_lookup_callback(const uint8_t* data, uint
         return;
     }
     for (const auto& event : msg.eventlist()) {
-        if (event.msg_id() != kLookupEventMsgId) {
+        if (event.msg_id() != kivhal::msg::LOOKUP_EVENT) {
             KIV_LOGE("invalid event msg_id=%d", event.msg_id());
             continue;
         }
