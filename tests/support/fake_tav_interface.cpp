@@ -116,7 +116,7 @@ std::string fake_tav_interface::make_event_msg(
 }
 
 void reset_discovery_state() {
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     kiv_sensor_factory::tavInterface = nullptr;
     mandatorySensors.clear();
     mandatoryFound.clear();
