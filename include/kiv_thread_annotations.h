@@ -26,7 +26,6 @@
 #define ACQUIRE(...)
 #define RELEASE(...)
 #define EXCLUDES(...)
-#define RETURN_CAPABILITY(x)
 #define NO_THREAD_SAFETY_ANALYSIS
 #endif
 
@@ -38,7 +37,7 @@ public:
     void lock() ACQUIRE() { _mutex.lock(); }
     void unlock() RELEASE() { _mutex.unlock(); }
     // For condition variables, through unique_lock::native().
-    std::mutex& native() RETURN_CAPABILITY(this) { return _mutex; }
+    std::mutex& native() { return _mutex; }
 
 private:
     std::mutex _mutex;
