@@ -33,6 +33,9 @@ bool meets(T requested, T configured, uint32_t comparisonType) {
 
 std::unordered_set<std::string> kiv_sensor_factory::listAvailableSensorTypes() {
     std::unordered_set<std::string> available;
+    // Late answers may still be stored while the service asks.
+    kivhal::lock_guard suids_lock(discoveryMutex);
+    kivhal::lock_guard attributes_lock(attributesMapMutex);
     for (const auto& [name, suids] : suidMap) {
         for (const sensor_uid& suid : suids) {
             if (attributesMap.find(suid) == attributesMap.end()) continue;

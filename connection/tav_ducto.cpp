@@ -81,11 +81,11 @@ tav_ducto::~tav_ducto() {
     ducto_disconnect(true);
     destroy_map_table();
     {
-        std::lock_guard<std::mutex> lock(_s_mutex);
+        kivhal::lock_guard lock(_s_mutex);
         _pending_resp_suids.clear();
     }
     {
-        std::lock_guard<std::mutex> lock(_suid_map_mutex);
+        kivhal::lock_guard lock(_suid_map_mutex);
         _registered_suids.clear();
     }
 }
@@ -94,7 +94,7 @@ void tav_ducto::ducto_connect(std::string channel_name) {
     const std::string dev_node = kDevNodePrefix + channel_name;
     KIV_LOGD("TAV_DUCTO_int ducto_connect waiting for _s_ducto_read_mutex");
     {
-        std::lock_guard<std::mutex> lock(_s_ducto_read_mutex);
+        kivhal::lock_guard lock(_s_ducto_read_mutex);
         if (_s_chnl_fd >= 1) {
             KIV_LOGI("TAV_DUCTO_int channel is already opened");
             return;
@@ -195,7 +195,7 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
     KIV_LOGD("TAV_DUCTO_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for "
              "_s_ducto_read_mutex",
              conn_id(this), fd, static_cast<size_t>(len));
-    std::unique_lock<std::mutex> lock(_s_ducto_read_mutex);
+    kivhal::unique_lock lock(_s_ducto_read_mutex);
     if (_s_chnl_fd == -1) {
         KIV_LOGE("TAV_DUCTO_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1",
                  conn_id(this));
@@ -270,7 +270,7 @@ void tav_ducto::ducto_disconnect(bool stop_reader) {
         }
         if (_reader_thread.joinable()) _reader_thread.join();
         {
-            std::lock_guard<std::mutex> lock(_s_mutex);
+            kivhal::lock_guard lock(_s_mutex);
             _free_client_req_ids.clear();
             _used_client_req_ids.clear();
         }
@@ -282,7 +282,7 @@ void tav_ducto::ducto_disconnect(bool stop_reader) {
 
     // Under the write lock, so that no sender writes to a descriptor number
     // that is being closed.
-    std::lock_guard<std::mutex> lock(_s_ducto_read_mutex);
+    kivhal::lock_guard lock(_s_ducto_read_mutex);
     const int fd = _s_chnl_fd;
     if (close(fd) != 0) {
         KIV_LOGE("TAV_DUCTO_int close on _s_chnl_fd = %d failed with errno = %d", fd, errno);
@@ -291,6 +291,7 @@ void tav_ducto::ducto_disconnect(bool stop_reader) {
 }
 
 void tav_ducto::destroy_map_table() {
+    kivhal::lock_guard lock(_cb_map_mutex);
     while (!_cb_suid_map.empty()) {
         tav_register_cb* record = _cb_suid_map.begin()->first;
         _cb_suid_map.erase(_cb_suid_map.begin());
@@ -312,7 +313,7 @@ void tav_ducto::ducto_error_handler(int error) {
         _exit(1);
     }
     KIV_LOGV("TAV_DUCTO_int waitig for _s_ducto_read_mutex");
-    std::lock_guard<std::mutex> lock(_s_ducto_read_mutex);
+    kivhal::lock_guard lock(_s_ducto_read_mutex);
     if (++g_ducto_err_cnt > _max_err_cnt) {
         KIV_LOGD("TAV_DUCTO_int triggred ssr g_ducto_err_cnt = %d", g_ducto_err_cnt.load());
         g_ducto_err_cnt = 0;

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "kiv_thread_annotations.h"
 #include "sns_ducto_packet.h"
 #include "tav_interface.h"
 #include "worker.h"
@@ -41,18 +42,18 @@ public:
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
 
     // Channel I/O.
-    void ducto_connect(std::string channel_name);
+    void ducto_connect(std::string channel_name) EXCLUDES(_s_ducto_read_mutex);
     int ducto_open(std::string dev_node);
     int ducto_read(int fd, uint8_t* buf, uint32_t len);
-    int ducto_write(int fd, uint8_t* buf, uint32_t len);
-    void ducto_disconnect(bool stop_reader);
-    void destroy_map_table();
-    void ducto_error_handler(int error);
+    int ducto_write(int fd, uint8_t* buf, uint32_t len) EXCLUDES(_s_ducto_read_mutex);
+    void ducto_disconnect(bool stop_reader) EXCLUDES(_s_ducto_read_mutex, _s_mutex);
+    void destroy_map_table() EXCLUDES(_cb_map_mutex);
+    void ducto_error_handler(int error) EXCLUDES(_s_ducto_read_mutex);
     static bool check_kiv_trace_support_flag();
 
     // Reader thread and inbound dispatch.
     static void ducto_thread_routine(tav_ducto* conn);
-    void ducto_response_handler(sns_aon_client_resp_msg_v01* msg);
+    void ducto_response_handler(sns_aon_client_resp_msg_v01* msg) EXCLUDES(_s_mutex);
     void ducto_indication_handler(uint32_t msg_id, sns_ducto_packet packet);
     int update_suid(uint32_t ignored, sensor_uid& suid);
     // The callback is taken by reference: copying a capturing callable on
@@ -60,13 +61,14 @@ public:
     int trigger_event_cb(uint32_t ignored, const tav_event_cb& cb, uint64_t timestamp);
 
     // Client registry.
-    void initialize_client_req_id_db();
-    uint8_t allocate_client_req_id();
-    void free_client_req_id(uint8_t id);
-    tav_register_cb* get_register_cb(sensor_uid suid);
-    uint8_t get_clientreq_id(sensor_uid suid);
+    void initialize_client_req_id_db() EXCLUDES(_s_mutex);
+    uint8_t allocate_client_req_id() EXCLUDES(_s_mutex);
+    void free_client_req_id(uint8_t id) EXCLUDES(_s_mutex);
+    tav_register_cb* get_register_cb(sensor_uid suid) EXCLUDES(_cb_map_mutex);
+    uint8_t get_clientreq_id(sensor_uid suid) EXCLUDES(_cb_map_mutex);
     bool is_suid_already_registered(sensor_uid suid);
-    void update_suid_map_table(sensor_uid suid);
+    void update_suid_map_table(sensor_uid suid)
+        EXCLUDES(_suid_map_mutex, _cb_map_mutex, _s_mutex);
 
     // Low-power state and sensor store.
     void tav_handle_low_power_state_msg(sns_aon_client_low_pwr_state_ind_msg_v01* msg);
@@ -80,30 +82,32 @@ private:
     std::string _channel_name;
     std::atomic<int> _s_chnl_fd;
     int _wakeup_pipe[2];
-    std::mutex _s_ducto_read_mutex;
+    // Serialises connecting, every write and the error threshold; the
+    // descriptor itself is atomic because the reader thread polls it unlocked.
+    kivhal::mutex _s_ducto_read_mutex;
     bool _thread_started;
     std::thread _reader_thread;
-    std::vector<sensor_uid> _pending_resp_suids;
-    std::mutex _s_mutex;
+    std::vector<sensor_uid> _pending_resp_suids GUARDED_BY(_s_mutex);
+    kivhal::mutex _s_mutex;
     uint32_t _max_err_cnt;
     // Atomic: the reader thread resets it after every clean pass unlocked.
     std::atomic<uint32_t> g_ducto_err_cnt;
     std::atomic<bool> _is_reconnecting;
     std::atomic<bool> _is_closing;
-    std::mutex _suid_map_mutex;
-    std::vector<sensor_uid> _registered_suids;
-    std::vector<uint8_t> _free_client_req_ids;
-    std::vector<uint8_t> _used_client_req_ids;
+    kivhal::mutex _suid_map_mutex ACQUIRED_BEFORE(_s_mutex, _cb_map_mutex);
+    std::vector<sensor_uid> _registered_suids GUARDED_BY(_suid_map_mutex);
+    std::vector<uint8_t> _free_client_req_ids GUARDED_BY(_s_mutex);
+    std::vector<uint8_t> _used_client_req_ids GUARDED_BY(_s_mutex);
     // Guards the two maps below: clients register while the reader thread
     // dispatches. Never held across a client callback; records are deleted
     // only on the reader thread or after it stopped, so the reader may use a
     // record it found after dropping the lock.
-    std::mutex _cb_map_mutex;
-    std::map<tav_register_cb*, sensor_uid> _cb_suid_map;
-    std::map<uint8_t, sensor_uid> _clientreq_suid_map;
+    kivhal::mutex _cb_map_mutex;
+    std::map<tav_register_cb*, sensor_uid> _cb_suid_map GUARDED_BY(_cb_map_mutex);
+    std::map<uint8_t, sensor_uid> _clientreq_suid_map GUARDED_BY(_cb_map_mutex);
     // Written by senders, read by the reader thread.
-    std::mutex _lps_db_mutex;
-    std::unordered_map<uint8_t, uint8_t> _lps_db;
+    kivhal::mutex _lps_db_mutex;
+    std::unordered_map<uint8_t, uint8_t> _lps_db GUARDED_BY(_lps_db_mutex);
     const uint8_t* _ind_payload;
     uint32_t _ind_payload_len;
     sns_wakelock* _wakelock;

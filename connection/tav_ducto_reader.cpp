@@ -141,7 +141,7 @@ void tav_ducto::ducto_response_handler(sns_aon_client_resp_msg_v01* msg) {
     }
     sensor_uid suid;
     {
-        std::unique_lock<std::mutex> lock(_s_mutex);
+        kivhal::unique_lock lock(_s_mutex);
         if (_pending_resp_suids.empty()) {
             lock.unlock();
             update_suid_map_table(sensor_uid{0, 0});
@@ -160,7 +160,7 @@ void tav_ducto::ducto_response_handler(sns_aon_client_resp_msg_v01* msg) {
         record->resp_cb(msg->result, msg->client_id);
     }
     {
-        std::lock_guard<std::mutex> lock(_s_mutex);
+        kivhal::lock_guard lock(_s_mutex);
         _pending_resp_suids.erase(_pending_resp_suids.begin());
     }
     update_suid_map_table(suid);

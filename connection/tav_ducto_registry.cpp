@@ -46,7 +46,7 @@ void remove_newest(std::vector<sensor_uid>& list, sensor_uid suid) {
 }  // namespace
 
 void tav_ducto::initialize_client_req_id_db() {
-    std::lock_guard<std::mutex> lock(_s_mutex);
+    kivhal::lock_guard lock(_s_mutex);
     for (int id = kFirstClientReqId; id <= kLastClientReqId; ++id) {
         _free_client_req_ids.push_back(static_cast<uint8_t>(id));
     }
@@ -57,7 +57,7 @@ void tav_ducto::initialize_client_req_id_db() {
 uint8_t tav_ducto::allocate_client_req_id() {
     uint8_t id;
     {
-        std::lock_guard<std::mutex> lock(_s_mutex);
+        kivhal::lock_guard lock(_s_mutex);
         KIV_LOGI("TAV_DUCTO conn = 0x%llx clinet allocate_client_req_id size %d", conn_id(this),
                  static_cast<int>(_free_client_req_ids.size()));
         if (_free_client_req_ids.empty()) {
@@ -74,7 +74,7 @@ uint8_t tav_ducto::allocate_client_req_id() {
 void tav_ducto::free_client_req_id(uint8_t id) {
     KIV_LOGD("TAV_DUCTO conn = 0x%llx releasing _client_req_id = %d, waiting for _s_mutex",
              conn_id(this), id);
-    std::lock_guard<std::mutex> lock(_s_mutex);
+    kivhal::lock_guard lock(_s_mutex);
     auto it = std::find(_used_client_req_ids.begin(), _used_client_req_ids.end(), id);
     if (it == _used_client_req_ids.end()) {
         // A second disable answer for the same sensor finds no id; handing
@@ -87,12 +87,12 @@ void tav_ducto::free_client_req_id(uint8_t id) {
 }
 
 tav_register_cb* tav_ducto::get_register_cb(sensor_uid suid) {
-    std::lock_guard<std::mutex> lock(_cb_map_mutex);
+    kivhal::lock_guard lock(_cb_map_mutex);
     return find_record(_cb_suid_map, suid);
 }
 
 uint8_t tav_ducto::get_clientreq_id(sensor_uid suid) {
-    std::lock_guard<std::mutex> lock(_cb_map_mutex);
+    kivhal::lock_guard lock(_cb_map_mutex);
     return find_client_req_id(_clientreq_suid_map, suid);
 }
 
@@ -101,14 +101,14 @@ bool tav_ducto::is_suid_already_registered(sensor_uid suid) {
 }
 
 void tav_ducto::update_suid_map_table(sensor_uid suid) {
-    std::lock_guard<std::mutex> lock(_suid_map_mutex);
+    kivhal::lock_guard lock(_suid_map_mutex);
     auto pending_disable = std::find(_registered_suids.begin(), _registered_suids.end(), suid);
     if (pending_disable == _registered_suids.end()) return;
 
     tav_register_cb* record;
     uint8_t id;
     {
-        std::lock_guard<std::mutex> map_lock(_cb_map_mutex);
+        kivhal::lock_guard map_lock(_cb_map_mutex);
         record = find_record(_cb_suid_map, suid);
         _cb_suid_map.erase(record);
         id = find_client_req_id(_clientreq_suid_map, suid);
@@ -126,7 +126,7 @@ int tav_ducto::register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb er
     auto record = std::make_unique<tav_register_cb>(std::move(resp_cb), std::move(error_cb),
                                                     std::move(event_cb));
     {
-        std::lock_guard<std::mutex> lock(_cb_map_mutex);
+        kivhal::lock_guard lock(_cb_map_mutex);
         if (find_record(_cb_suid_map, suid) != nullptr) {
             KIV_LOGE("TAV_DUCTO_int This suid is alread registered ");
             return -1;
@@ -135,7 +135,7 @@ int tav_ducto::register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb er
     }
     // Throws when all ids are in use; the record then stays without an id.
     const uint8_t id = allocate_client_req_id();
-    std::lock_guard<std::mutex> lock(_cb_map_mutex);
+    kivhal::lock_guard lock(_cb_map_mutex);
     _clientreq_suid_map.emplace(id, suid);
     return 0;
 }
@@ -167,7 +167,7 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
     const uint8_t session = static_cast<uint8_t>(session_id & kSessionIdMask);
     {
         // A session the core already reported on keeps its state.
-        std::lock_guard<std::mutex> lock(_lps_db_mutex);
+        kivhal::lock_guard lock(_lps_db_mutex);
         if (_lps_db.emplace(session, 1).second) {
             KIV_LOGD("TAV_DUCTO added _session_id(%d) to _lps_db", session);
         } else {
@@ -192,11 +192,11 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
     const bool is_disable = request.msg_id() == kivhal::msg::DISABLE_REQUEST;
     // Recorded before the write, so that a fast response finds them.
     if (is_disable) {
-        std::lock_guard<std::mutex> lock(_suid_map_mutex);
+        kivhal::lock_guard lock(_suid_map_mutex);
         _registered_suids.push_back(suid);
     }
     {
-        std::lock_guard<std::mutex> lock(_s_mutex);
+        kivhal::lock_guard lock(_s_mutex);
         _pending_resp_suids.push_back(suid);
     }
 
@@ -208,11 +208,11 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
     if (result < 0) {
         KIV_LOGE("TAV_DUCTO_int conn = 0x%llx ducto_write has failed", conn_id(this));
         if (is_disable) {
-            std::lock_guard<std::mutex> lock(_suid_map_mutex);
+            kivhal::lock_guard lock(_suid_map_mutex);
             remove_newest(_registered_suids, suid);
         }
         {
-            std::lock_guard<std::mutex> lock(_s_mutex);
+            kivhal::lock_guard lock(_s_mutex);
             remove_newest(_pending_resp_suids, suid);
         }
         ducto_error_handler(result);

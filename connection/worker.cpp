@@ -21,10 +21,10 @@ worker::worker()
 }
 
 worker::~worker() {
-    pthread_mutex_lock(&_mutex);
+    kivhal::pthread_lock(&_mutex);
     _running = false;
     pthread_cond_signal(&_cond);
-    pthread_mutex_unlock(&_mutex);
+    kivhal::pthread_unlock(&_mutex);
     if (_started) pthread_join(_thread, nullptr);
 
     remaining_ind_mem_cleanup();
@@ -38,37 +38,37 @@ worker::~worker() {
 void* worker::thread_execute(void* arg) {
     worker* self = static_cast<worker*>(arg);
     self->run();
-    pthread_mutex_lock(&self->_mutex);
+    kivhal::pthread_lock(&self->_mutex);
     strncpy(self->_name, kExitedName, sizeof(self->_name) - 1);
-    pthread_mutex_unlock(&self->_mutex);
+    kivhal::pthread_unlock(&self->_mutex);
     return nullptr;
 }
 
 void worker::remaining_ind_mem_cleanup() {
-    pthread_mutex_lock(&_mutex);
+    kivhal::pthread_lock(&_mutex);
     while (!_ind_mem.empty()) {
         free(_ind_mem.front());
         _ind_mem.pop_front();
     }
-    pthread_mutex_unlock(&_mutex);
+    kivhal::pthread_unlock(&_mutex);
 }
 
 void worker::run() {
     if (!_running) return;
     for (;;) {
-        pthread_mutex_lock(&_mutex);
+        kivhal::pthread_lock(&_mutex);
         while (_tasks.empty() && _running) pthread_cond_wait(&_cond, &_mutex);
         if (!_running) {
-            pthread_mutex_unlock(&_mutex);
+            kivhal::pthread_unlock(&_mutex);
             return;
         }
         if (_tasks.empty()) {
-            pthread_mutex_unlock(&_mutex);
+            kivhal::pthread_unlock(&_mutex);
             continue;
         }
         std::function<void()> task = std::move(_tasks.front());
         _tasks.pop_front();
-        pthread_mutex_unlock(&_mutex);
+        kivhal::pthread_unlock(&_mutex);
 
         try {
             task();
@@ -78,10 +78,10 @@ void worker::run() {
             std::terminate();
         }
 
-        pthread_mutex_lock(&_mutex);
+        kivhal::pthread_lock(&_mutex);
         if (_wakelock != nullptr) _wakelock->put_n_locks(1);
         task = nullptr;
-        pthread_mutex_unlock(&_mutex);
+        kivhal::pthread_unlock(&_mutex);
         if (!_running) return;
     }
 }

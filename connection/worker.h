@@ -6,6 +6,8 @@
 #include <deque>
 #include <functional>
 
+#include "kiv_thread_annotations.h"
+
 class sns_wakelock;
 
 // A task-queue thread owned by every connection. Nothing enqueues work today;
@@ -19,20 +21,20 @@ public:
 
     // Thread entry point; `arg` is the worker.
     static void* thread_execute(void* arg);
-    void remaining_ind_mem_cleanup();
+    void remaining_ind_mem_cleanup() EXCLUDES(_mutex);
 
     pthread_t& thread() { return _thread; }
 
 private:
-    void run();
+    void run() EXCLUDES(_mutex);
 
     std::atomic<bool> _running;
-    std::deque<std::function<void()>> _tasks;
-    std::deque<void*> _ind_mem;
-    pthread_mutex_t _mutex;
+    std::deque<std::function<void()>> _tasks GUARDED_BY(_mutex);
+    std::deque<void*> _ind_mem GUARDED_BY(_mutex);
+    kivhal::pthread_mutex _mutex;
     pthread_cond_t _cond;
     pthread_t _thread;
-    char _name[20];
+    char _name[20] GUARDED_BY(_mutex);
     sns_wakelock* _wakelock;
     bool _started;  // the thread exists and must be joined
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <utility>
 
 #include "discovery_util.h"
 #include "kiv_log.h"
@@ -35,7 +36,7 @@ int sleep_attribute_step() {
 
 std::vector<std::pair<std::string, std::vector<sensor_uid>>> kiv_sensor_factory::suid_snapshot() {
     std::vector<std::pair<std::string, std::vector<sensor_uid>>> snapshot;
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     snapshot.assign(suidMap.begin(), suidMap.end());
     return snapshot;
 }
@@ -66,7 +67,7 @@ void kiv_sensor_factory::retrieve_attributes() {
     for (const auto& entry : sensors) {
         for (const sensor_uid& suid : entry.second) {
             {
-                std::lock_guard<std::mutex> lock(attrMutex);
+                kivhal::lock_guard lock(attrMutex);
                 increment_or_abort(pendingAttributes);
             }
             KIV_LOGD("requesting attributes for %s-%d", entry.first.c_str(), index++);
@@ -78,7 +79,7 @@ void kiv_sensor_factory::retrieve_attributes() {
     }
 
     KIV_LOGD("waiting for attributes...");
-    std::unique_lock<std::mutex> lock(attrMutex);
+    kivhal::unique_lock lock(attrMutex);
     KIV_LOGD("attributes request count %d", kAttributeWaitSteps);
     int err = 0;
     for (int count = kAttributeWaitSteps; count > 0; count--) {
@@ -139,11 +140,22 @@ void kiv_sensor_factory::handle_attribute_event(
     for (const sns_std_attr& attr : attr_event.attributelist()) {
         attributes.set_attribute(attr.attributeid(), attr.value());
     }
-    attributesMap[suid] = attributes;
+    {
+        kivhal::lock_guard lock(attributesMapMutex);
+        attributesMap[suid] = std::move(attributes);
+    }
 
-    std::lock_guard<std::mutex> lock(attrMutex);
+    kivhal::lock_guard lock(attrMutex);
     if (pendingAttributes != 0) {
         pendingAttributes--;
         KIV_LOGV("pending attributes count %d", pendingAttributes);
     }
+}
+
+bool kiv_sensor_factory::find_attributes(sensor_uid suid, sensor_attributes* out) const {
+    kivhal::lock_guard lock(attributesMapMutex);
+    auto found = attributesMap.find(suid);
+    if (found == attributesMap.end()) return false;
+    *out = found->second;
+    return true;
 }

@@ -35,24 +35,12 @@ constexpr useconds_t kDiscoveryDisableSettleUs = 50000;
 constexpr int kRediscoverPasses = 8;
 constexpr auto kRediscoverPause = std::chrono::seconds(2);
 
-// Holds a raw POSIX mutex for one scope.
-class pthread_lock {
-public:
-    explicit pthread_lock(pthread_mutex_t* mutex) : _mutex(mutex) { pthread_mutex_lock(_mutex); }
-    ~pthread_lock() { pthread_mutex_unlock(_mutex); }
-    pthread_lock(const pthread_lock&) = delete;
-    pthread_lock& operator=(const pthread_lock&) = delete;
-
-private:
-    pthread_mutex_t* _mutex;
-};
-
 }  // namespace
 
 tav_interface* kiv_sensor_factory::tavInterface = nullptr;
 
 sensor_uid lookupSuid = {0xababababababababULL, 0xababababababababULL};
-std::mutex discoveryMutex;
+kivhal::mutex discoveryMutex;
 std::vector<std::string> mandatorySensors;
 std::map<std::string, bool> mandatoryFound;
 uint32_t num_mandatory_sns = 0;
@@ -83,7 +71,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
 
     init_mandatory_list_db();
     if (laterBoot) {
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         for (const std::string& name : mandatorySensors) {
             mandatoryFound.emplace(name, false);
         }
@@ -101,7 +89,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
 
     bool found_any;
     {
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         found_any = !suidMap.empty();
     }
     if (found_any) {
@@ -111,7 +99,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
 }
 
 bool kiv_sensor_factory::wait_for_registry_answer() {
-    pthread_lock lock(&registryMutex);
+    kivhal::pthread_lock_guard lock(&registryMutex);
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += kRegistryWaitSeconds;
@@ -123,7 +111,7 @@ bool kiv_sensor_factory::wait_for_registry_answer() {
 
 bool kiv_sensor_factory::is_registry_up() {
     {
-        pthread_lock lock(&registryMutex);
+        kivhal::pthread_lock_guard lock(&registryMutex);
         registryUp = false;
     }
     KIV_LOGD("starting is_registry_up @ t=%fs", steady_now_seconds());
@@ -172,7 +160,7 @@ bool kiv_sensor_factory::is_registry_up() {
 }
 
 bool kiv_sensor_factory::registry_is_up() {
-    pthread_lock lock(&registryMutex);
+    kivhal::pthread_lock_guard lock(&registryMutex);
     return registryUp;
 }
 
@@ -209,7 +197,7 @@ void kiv_sensor_factory::discover_sensors() {
 
     KIV_LOGD("available sensors on tav");
     {
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         for (const auto& entry : suidMap) {
             KIV_LOGD("%-20s%4u", entry.first.c_str(), static_cast<unsigned>(entry.second.size()));
         }
@@ -217,7 +205,7 @@ void kiv_sensor_factory::discover_sensors() {
     request_suid(kRegistrySensorType, true, false);
     int64_t last_suid_time;
     {
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         last_suid_time = lastSuidTime;
     }
     KIV_LOGI("suid discovery time = %fs", ns_to_seconds(last_suid_time - t_start));
@@ -225,13 +213,13 @@ void kiv_sensor_factory::discover_sensors() {
 }
 
 uint32_t kiv_sensor_factory::mandatory_count() const {
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     return num_mandatory_sns;
 }
 
 std::vector<std::string> kiv_sensor_factory::missing_discovery_names() {
     std::vector<std::string> missing;
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     for (const std::string& name : discoveryList) {
         if (suidMap.find(name) == suidMap.end()) {
             missing.push_back(name);
@@ -250,7 +238,7 @@ void kiv_sensor_factory::wait_for_sensors() {
         }
         std::this_thread::sleep_for(kRediscoverPause);
 
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         count--;
         if (num_mandatory_sns != 0) {
             KIV_LOGI("sensors found after re discover %d", count);

@@ -19,7 +19,7 @@ constexpr const char* kMandatoryListPath = "/mnt/vendor/persist/sensors/kiv_sens
 constexpr int kMandatoryWaitPasses = 8;
 constexpr auto kMandatoryWaitPause = std::chrono::seconds(1);
 
-bool is_mandatory(const std::string& name) {
+bool is_mandatory(const std::string& name) REQUIRES(discoveryMutex) {
     return std::find(mandatorySensors.begin(), mandatorySensors.end(), name) !=
            mandatorySensors.end();
 }
@@ -27,6 +27,8 @@ bool is_mandatory(const std::string& name) {
 }  // namespace
 
 void kiv_sensor_factory::init_mandatory_list_db() {
+    // Nothing answers yet; taken so every access to the list state is locked.
+    kivhal::lock_guard lock(discoveryMutex);
     const std::string path = kivhal::platform::resolve_path(kMandatoryListPath);
     struct stat info;
     laterBoot = stat(path.c_str(), &info) == 0;
@@ -68,7 +70,7 @@ void kiv_sensor_factory::init_mandatory_list_db() {
 
 void kiv_sensor_factory::deinit_mandatory_list_db() {
     // Late lookup answers may still write the list from the reader thread.
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     if (listWriter.is_open()) {
         listWriter.close();
     }
@@ -101,7 +103,7 @@ void kiv_sensor_factory::wait_for_mandatory_sensors() {
     while (true) {
         KIV_LOGI("some mandatory sensors not available yet, will wait for %d seconds...", count);
         {
-            std::lock_guard<std::mutex> lock(discoveryMutex);
+            kivhal::lock_guard lock(discoveryMutex);
             for (const auto& listed : mandatoryFound) {
                 if (!listed.second) {
                     KIV_LOGD("non available ones %s", listed.first.c_str());
@@ -115,7 +117,7 @@ void kiv_sensor_factory::wait_for_mandatory_sensors() {
         std::this_thread::sleep_for(kMandatoryWaitPause);
         count--;
 
-        std::lock_guard<std::mutex> lock(discoveryMutex);
+        kivhal::lock_guard lock(discoveryMutex);
         if (count == 0 && !allMandatoryFound.load()) {
             KIV_LOGE("some mandatory sensors not available even after %d seconds, giving up.",
                      kMandatoryWaitPasses);

@@ -59,7 +59,7 @@ void kiv_sensor_factory::request_suid(std::string datatype, bool disable, bool l
 
 void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t length,
                                                   uint64_t /*timestamp*/) {
-    pthread_mutex_lock(&registryMutex);
+    kivhal::pthread_lock(&registryMutex);
     sns_client_event_msg msg;
     if (parse_event_msg(data, length, msg)) {
         for (const auto& event : msg.eventlist()) {
@@ -78,7 +78,7 @@ void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t 
     }
     // Every message wakes the waiter, whatever it held.
     pthread_cond_signal(&registryWait);
-    pthread_mutex_unlock(&registryMutex);
+    kivhal::pthread_unlock(&registryMutex);
 }
 
 void kiv_sensor_factory::default_suids_lookup_callback(const uint8_t* data, uint32_t length,
@@ -110,7 +110,7 @@ void kiv_sensor_factory::handle_suids_lookup_callback(const std::string& datatyp
     if (suids.empty()) {
         return;
     }
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     suidMap[datatype] = suids;
     update_mandatory_list_database(datatype);
     if (laterBoot) {
@@ -128,7 +128,7 @@ void kiv_sensor_factory::handle_suids_lookup_callback(const std::string& datatyp
 }
 
 sensor_uid kiv_sensor_factory::get_suids(const std::string& datatype) const {
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     auto it = suidMap.find(datatype);
     if (it == suidMap.end() || it->second.empty()) {
         return sensor_uid{0, 0};

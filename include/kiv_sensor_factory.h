@@ -14,10 +14,14 @@
 #include <unordered_set>
 #include <vector>
 
+#include "kiv_thread_annotations.h"
 #include "kiv_types.h"
 #include "sensor_attributes.h"
 #include "sns_client.pb.h"
 #include "tav_interface.h"
+
+// Guards suidMap updates and the mandatory-list state (declared below).
+extern kivhal::mutex discoveryMutex;
 
 // Learns which sensors the sensor core offers and answers the HAL service's
 // capability questions from that and from the OEM configuration.
@@ -35,33 +39,39 @@ public:
 
     // Discovery: runs on the caller's thread; answers arrive on the
     // connection's reader thread. The connection is not owned.
-    void startDiscovery(tav_interface* conn);
+    void startDiscovery(tav_interface* conn) EXCLUDES(discoveryMutex, attributesMapMutex);
     bool is_registry_up();
     void discover_sensors();
-    void wait_for_sensors();
+    void wait_for_sensors() EXCLUDES(discoveryMutex);
     uint32_t get_discovery_timeout_ms();
 
     // SUID lookup.
     void request_suid(std::string datatype, bool disable, bool lookupOption);
-    void registry_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp);
+    void registry_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp)
+        EXCLUDES(registryMutex);
     void default_suids_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp);
     void handle_suids_lookup_callback(const std::string& datatype,
-                                      const std::vector<sensor_uid>& suids);
-    sensor_uid get_suids(const std::string& datatype) const;
+                                      const std::vector<sensor_uid>& suids)
+        EXCLUDES(discoveryMutex);
+    sensor_uid get_suids(const std::string& datatype) const EXCLUDES(discoveryMutex);
 
     // Attributes.
-    void retrieve_attributes();
+    void retrieve_attributes() EXCLUDES(attrMutex, discoveryMutex);
     sns_client_request_msg create_attr_request(sensor_uid suid, bool disable);
     void default_attributes_lookup_callback(const uint8_t* data, uint32_t length,
                                             uint64_t timestamp);
     void handle_attribute_event(sensor_uid suid,
-                                const sns_client_event_msg_sns_client_event& event);
+                                const sns_client_event_msg_sns_client_event& event)
+        EXCLUDES(attributesMapMutex, attrMutex);
+    // The stored attributes of one sensor; false when none arrived (yet).
+    bool find_attributes(sensor_uid suid, sensor_attributes* out) const
+        EXCLUDES(attributesMapMutex);
 
     // Mandatory sensor list persisted across boots.
-    void init_mandatory_list_db();
-    void deinit_mandatory_list_db();
-    void update_mandatory_list_database(std::string datatype);
-    void wait_for_mandatory_sensors();
+    void init_mandatory_list_db() EXCLUDES(discoveryMutex);
+    void deinit_mandatory_list_db() EXCLUDES(discoveryMutex);
+    void update_mandatory_list_database(std::string datatype) REQUIRES(discoveryMutex);
+    void wait_for_mandatory_sensors() EXCLUDES(discoveryMutex);
 
     // OEM configuration.
     bool parseOEMConfig(const char* path);
@@ -72,7 +82,8 @@ public:
     int32_t hexStrToDec(const char* text);
 
     // Capability queries; meant for after startDiscovery has returned.
-    std::unordered_set<std::string> listAvailableSensorTypes();
+    std::unordered_set<std::string> listAvailableSensorTypes()
+        EXCLUDES(discoveryMutex, attributesMapMutex);
     std::vector<DataType> getSupportedMetricsTypes();
     std::vector<DataTypeGoal> getSupportedGoals();
     bool isGoalSupported(DataTypeGoal goal);
@@ -88,36 +99,45 @@ public:
 
     // Members, in this order.
     std::condition_variable registryCond;
-    pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
+    kivhal::pthread_mutex registryMutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t registryWait = PTHREAD_COND_INITIALIZER;
-    bool registryUp;
+    bool registryUp GUARDED_BY(registryMutex);
+    // The callables are set and handed over on the discovery thread only.
     tav_event_cb eventCallback;
     tav_resp_cb responseCallback;
     tav_error_cb errorCallback;
-    std::unordered_map<std::string, std::vector<sensor_uid>> suidMap;
-    std::unordered_map<sensor_uid, sensor_attributes, sensor_uid_hash> attributesMap;
-    std::mutex attrMutex;
-    uint32_t pendingAttributes;
-    int64_t lastSuidTime;
+    std::unordered_map<std::string, std::vector<sensor_uid>> suidMap GUARDED_BY(discoveryMutex);
+    // Answers can still arrive on the reader thread after startDiscovery
+    // returned, while the service's queries read the map; never held across
+    // a call into the connection or a client.
+    mutable kivhal::mutex attributesMapMutex;
+    std::unordered_map<sensor_uid, sensor_attributes, sensor_uid_hash> attributesMap
+        GUARDED_BY(attributesMapMutex);
+    kivhal::mutex attrMutex;
+    uint32_t pendingAttributes GUARDED_BY(attrMutex);
+    int64_t lastSuidTime GUARDED_BY(discoveryMutex);
+    // Filled by the configuration parse on the discovery thread, before any
+    // lookup is sent; the reader thread never reads it.
     std::vector<std::string> discoveryList;
+    // Written once by init_mandatory_list_db before the first lookup is sent,
+    // only read afterwards: the send orders it before every answer.
     bool laterBoot;
-    std::ofstream listWriter;
-    std::ifstream listReader;
+    std::ofstream listWriter GUARDED_BY(discoveryMutex);
+    std::ifstream listReader GUARDED_BY(discoveryMutex);
 
 private:
     // Discovery steps that read state the reader thread writes, under its lock.
-    bool wait_for_registry_answer();
-    bool registry_is_up();
-    uint32_t mandatory_count() const;
-    std::vector<std::string> missing_discovery_names();
-    std::vector<std::pair<std::string, std::vector<sensor_uid>>> suid_snapshot();
+    bool wait_for_registry_answer() EXCLUDES(registryMutex);
+    bool registry_is_up() EXCLUDES(registryMutex);
+    uint32_t mandatory_count() const EXCLUDES(discoveryMutex);
+    std::vector<std::string> missing_discovery_names() EXCLUDES(discoveryMutex);
+    std::vector<std::pair<std::string, std::vector<sensor_uid>>> suid_snapshot()
+        EXCLUDES(discoveryMutex);
 };
 
 // The core's SUID lookup service.
 extern sensor_uid lookupSuid;
-// Guards suidMap updates and the mandatory-list state below.
-extern std::mutex discoveryMutex;
-extern std::vector<std::string> mandatorySensors;
-extern std::map<std::string, bool> mandatoryFound;
-extern uint32_t num_mandatory_sns;
+extern std::vector<std::string> mandatorySensors GUARDED_BY(discoveryMutex);
+extern std::map<std::string, bool> mandatoryFound GUARDED_BY(discoveryMutex);
+extern uint32_t num_mandatory_sns GUARDED_BY(discoveryMutex);
 extern std::atomic<bool> allMandatoryFound;

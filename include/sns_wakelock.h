@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "kiv_thread_annotations.h"
+
 // The kernel wake lock's name; the NUL byte is written with it.
 extern const char* KIV_WACKLOCK_NAME;
 
@@ -14,10 +16,10 @@ public:
     // Not locked: first use is the connection's constructor.
     static sns_wakelock* get_instance();
 
-    void get_n_locks(uint32_t n);
-    void put_n_locks(uint32_t n);
-    void put_all();
-    void wait_for_held();
+    void get_n_locks(uint32_t n) EXCLUDES(_mutex);
+    void put_n_locks(uint32_t n) EXCLUDES(_mutex);
+    void put_all() EXCLUDES(_mutex);
+    void wait_for_held() EXCLUDES(_mutex);
 
     ~sns_wakelock();
 
@@ -26,15 +28,16 @@ public:
 
 private:
     sns_wakelock();
-    void acquire();
-    void release();
+    void acquire() REQUIRES(_mutex);
+    void release() REQUIRES(_mutex);
 
-    uint32_t _accu_count;
-    std::mutex _mutex;
+    uint32_t _accu_count GUARDED_BY(_mutex);
+    kivhal::mutex _mutex;
     std::condition_variable _cond;
+    // Opened by the constructor and closed by the destructor only.
     int _lock_fd;
     int _unlock_fd;
-    bool _held;
+    bool _held GUARDED_BY(_mutex);
 
     static sns_wakelock* _self;
 };

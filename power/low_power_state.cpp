@@ -42,7 +42,7 @@ void tav_ducto::tav_handle_low_power_state_msg(sns_aon_client_low_pwr_state_ind_
             session_update update = session_update::unknown_session;
             uint8_t aggregate = SNS_LOW_POWER_STATE_ON;
             {
-                std::lock_guard<std::mutex> lock(_lps_db_mutex);
+                kivhal::lock_guard lock(_lps_db_mutex);
                 auto session = _lps_db.find(session_id);
                 if (session != _lps_db.end()) {
                     session->second = msg_id;

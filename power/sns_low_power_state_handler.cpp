@@ -16,7 +16,7 @@ sns_low_power_state_handler* sns_low_power_state_handler::_s_lps_handle = nullpt
 sp<sns_low_power_state_handler::IPowerStateService>
     sns_low_power_state_handler::_s_power_state_service;
 bool sns_low_power_state_handler::_s_is_wakeock_acquired = false;
-std::mutex sns_low_power_state_handler::_s_handler_mutex;
+kivhal::mutex sns_low_power_state_handler::_s_handler_mutex;
 
 sns_low_power_state_handler::power_state_callback_impl::power_state_callback_impl() {
     KIV_LOGD("SNS_LOW_PWR_STATE_MSG: power_state_callback_impl entry");
@@ -41,7 +41,7 @@ Return<void> sns_low_power_state_handler::power_state_callback_impl::on_power_ev
 
 sns_low_power_state_handler* sns_low_power_state_handler::get_sns_low_power_state_handler() {
     KIV_LOGD("SNS_LOW_PWR_STATE_MSG get_sns_low_power_state_handler entry");
-    std::lock_guard<std::mutex> lock(_s_handler_mutex);
+    kivhal::lock_guard lock(_s_handler_mutex);
     if (_s_lps_handle != nullptr) return _s_lps_handle;
 
     KIV_LOGD("SNS_LOW_PWR_STATE_MSG creating new low_power_state");
@@ -69,7 +69,7 @@ sns_low_power_state_handler* sns_low_power_state_handler::get_sns_low_power_stat
 }
 
 bool sns_low_power_state_handler::acquire_wakelock() {
-    std::lock_guard<std::mutex> lock(_s_handler_mutex);
+    kivhal::lock_guard lock(_s_handler_mutex);
     KIV_LOGD("SNS_LOW_PWR_STATE_MSG acquire_wakelock _s_is_wakeock_acquired(%d)",
              _s_is_wakeock_acquired);
     if (_s_is_wakeock_acquired) return true;
@@ -90,7 +90,7 @@ bool sns_low_power_state_handler::acquire_wakelock() {
 }
 
 void sns_low_power_state_handler::release_wakelock() {
-    std::lock_guard<std::mutex> lock(_s_handler_mutex);
+    kivhal::lock_guard lock(_s_handler_mutex);
     KIV_LOGD("SNS_LOW_PWR_STATE_MSG release_wakelock _s_is_wakeock_acquired(%d)",
              _s_is_wakeock_acquired);
     if (!_s_is_wakeock_acquired) return;

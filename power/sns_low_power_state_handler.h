@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "kiv_thread_annotations.h"
+
 // Client of the vendor power-state service: registers as a deep-sleep client
 // and holds the service's low-power-mode wake lock while any session of the
 // sensor core needs the application processor. Everything is static; the
@@ -33,10 +35,11 @@ public:
 
     // Null while the service cannot be reached or refuses the registration;
     // the next call tries again.
-    static sns_low_power_state_handler* get_sns_low_power_state_handler();
+    static sns_low_power_state_handler* get_sns_low_power_state_handler()
+        EXCLUDES(_s_handler_mutex);
     // Returns whether the wake lock is held afterwards.
-    static bool acquire_wakelock();
-    static void release_wakelock();
+    static bool acquire_wakelock() EXCLUDES(_s_handler_mutex);
+    static void release_wakelock() EXCLUDES(_s_handler_mutex);
 
     sns_low_power_state_handler(const sns_low_power_state_handler&) = delete;
     sns_low_power_state_handler& operator=(const sns_low_power_state_handler&) = delete;
@@ -45,9 +48,11 @@ private:
     sns_low_power_state_handler() = default;
     ~sns_low_power_state_handler() = default;
 
-    static sns_low_power_state_handler* _s_lps_handle;
-    static ::android::sp<IPowerStateService> _s_power_state_service;
-    static bool _s_is_wakeock_acquired;
-    // Connections each have a reader thread; this serialises them.
-    static std::mutex _s_handler_mutex;
+    // Connections each have a reader thread; this serialises them. Held
+    // across the calls into the power-state service, which never call back
+    // into this handler on the calling thread.
+    static kivhal::mutex _s_handler_mutex;
+    static sns_low_power_state_handler* _s_lps_handle GUARDED_BY(_s_handler_mutex);
+    static ::android::sp<IPowerStateService> _s_power_state_service GUARDED_BY(_s_handler_mutex);
+    static bool _s_is_wakeock_acquired GUARDED_BY(_s_handler_mutex);
 };

@@ -47,7 +47,7 @@ sns_wakelock::sns_wakelock() : _accu_count(0), _lock_fd(-1), _unlock_fd(-1), _he
 
 sns_wakelock::~sns_wakelock() {
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         if (_held) {
             _accu_count = 0;
             release();
@@ -85,7 +85,7 @@ void sns_wakelock::release() {
 }
 
 void sns_wakelock::get_n_locks(uint32_t n) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     if (_accu_count > UINT32_MAX - n) {
         KIV_LOGE("_in_count %d will overflow max of _accu_count %u", static_cast<int>(n),
                  _accu_count);
@@ -96,7 +96,7 @@ void sns_wakelock::get_n_locks(uint32_t n) {
 }
 
 void sns_wakelock::put_n_locks(uint32_t n) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     if (n > _accu_count) {
         KIV_LOGE("_in_count %d is larger than _accu_count %u", static_cast<int>(n), _accu_count);
         return;
@@ -106,7 +106,7 @@ void sns_wakelock::put_n_locks(uint32_t n) {
 }
 
 void sns_wakelock::put_all() {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     // Not held: the count is left alone on purpose.
     if (!_held) return;
     _accu_count = 0;
@@ -114,7 +114,7 @@ void sns_wakelock::put_all() {
 }
 
 void sns_wakelock::wait_for_held() {
-    std::unique_lock<std::mutex> lock(_mutex);
+    kivhal::unique_lock lock(_mutex);
     // One wait, not a loop: a spurious wake-up returns early.
-    if (!_held) _cond.wait(lock);
+    if (!_held) _cond.wait(lock.native());
 }

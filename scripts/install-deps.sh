@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
+  android-libbase-dev clang-14
 )
 
 missing=()

@@ -49,6 +49,8 @@ int fake_tav_interface::send_request(sensor_uid suid, bool flag, std::string pay
     std::string event = answer(request);
     if (request.msg_id() == kDisableRequestMsgId) {
         _callbacks.erase(callback);
+    } else if (!event.empty() && _holding && request.msg_id() == kAttributeRequestMsgId) {
+        _held.emplace_back(callback->second, std::move(event));
     } else if (!event.empty()) {
         _queue.emplace_back(callback->second, std::move(event));
         _wake.notify_all();
@@ -75,6 +77,21 @@ void fake_tav_interface::add_sensor_type(const std::string& data_type, std::vect
 std::vector<fake_request> fake_tav_interface::requests() const {
     std::lock_guard<std::mutex> lock(_mutex);
     return _requests;
+}
+
+void fake_tav_interface::hold_attribute_answers() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _holding = true;
+}
+
+void fake_tav_interface::deliver_held_answers() {
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _holding = false;
+        for (auto& answer : _held) _queue.push_back(std::move(answer));
+        _held.clear();
+    }
+    _wake.notify_all();
 }
 
 void fake_tav_interface::run() {
@@ -116,7 +133,7 @@ std::string fake_tav_interface::make_event_msg(
 }
 
 void reset_discovery_state() {
-    std::lock_guard<std::mutex> lock(discoveryMutex);
+    kivhal::lock_guard lock(discoveryMutex);
     kiv_sensor_factory::tavInterface = nullptr;
     mandatorySensors.clear();
     mandatoryFound.clear();

@@ -8,6 +8,8 @@
 // no answer. Attribute requests (1) of sensors set to answer get an empty
 // attribute event (128). A disable request (10) drops that sensor's
 // registration, as the connection does; answers already queued still arrive.
+// Attribute answers can be held back and delivered later, as a slow core
+// answers after discovery gave up waiting.
 
 #include <condition_variable>
 #include <cstdint>
@@ -58,6 +60,9 @@ public:
     void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
                          bool attributes = false);
     std::vector<fake_request> requests() const;
+    // From now on attribute answers are kept until deliver_held_answers().
+    void hold_attribute_answers();
+    void deliver_held_answers();
     // Stops answering; nothing is delivered afterwards.
     void stop();
 
@@ -74,11 +79,13 @@ private:
     mutable std::mutex _mutex;
     std::condition_variable _wake;
     bool _stopping = false;
+    bool _holding = false;
     std::vector<fake_request> _requests;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
     std::unordered_set<sensor_uid, sensor_uid_hash> _with_attributes;
     std::deque<std::pair<tav_event_cb, std::string>> _queue;
+    std::deque<std::pair<tav_event_cb, std::string>> _held;
     std::thread _thread;
 };
 

@@ -160,7 +160,7 @@ void simulated_core::handle(const recorded_request& request) {
     if (request.decoded && request.request.msg_id() == core_stub::kDisableRequestMsgId &&
         !(request.suid() == core_stub::lookup_suid())) {
         // The answer goes out under the stream lock, after the last report.
-        std::lock_guard<std::mutex> lock(_stream_mutex);
+        kivhal::lock_guard lock(_stream_mutex);
         _streams.erase({request.suid().low, request.suid().high});
         send(std::move(packets));
     } else {
@@ -226,7 +226,7 @@ std::string simulated_core::answer_sensor(const recorded_request& request,
         what = "attributes of " + s->type + " (" + std::to_string(attrs.attributelist_size()) +
                " attributes)";
     }
-    std::lock_guard<std::mutex> lock(_stream_mutex);
+    kivhal::lock_guard lock(_stream_mutex);
     _streams.emplace(std::make_pair(s->suid.low, s->suid.high),
                      steady_clock::now() + _options.delay);
     return what + ", streaming";
@@ -245,7 +245,7 @@ void simulated_core::send(std::vector<std::vector<uint8_t>> packets) {
 void simulated_core::stream_reports() {
     while (!_stopping) {
         std::this_thread::sleep_for(_options.report_period);
-        std::lock_guard<std::mutex> lock(_stream_mutex);
+        kivhal::lock_guard lock(_stream_mutex);
         const auto now = steady_clock::now();
         for (const auto& [key, since] : _streams) {
             if (since > now) continue;
@@ -269,7 +269,7 @@ void simulated_core::watch_connection() {
             closed = false;
             on_connected();
         } else if (!connected && was_connected) {
-            std::lock_guard<std::mutex> lock(_stream_mutex);
+            kivhal::lock_guard lock(_stream_mutex);
             _streams.clear();
             say("client disconnected");
         }

@@ -84,9 +84,10 @@ private:
     std::atomic<bool> _stopping{false};
     // Held while reports go out and while a disable request is answered, so
     // no report follows the answer to a disable.
-    std::mutex _stream_mutex;
-    std::map<std::pair<uint64_t, uint64_t>, std::chrono::steady_clock::time_point> _streams;
-    uint32_t _report_count = 0;
+    kivhal::mutex _stream_mutex;
+    std::map<std::pair<uint64_t, uint64_t>, std::chrono::steady_clock::time_point> _streams
+        GUARDED_BY(_stream_mutex);
+    uint32_t _report_count GUARDED_BY(_stream_mutex) = 0;
 
     std::thread _requests_thread;
     std::thread _stream_thread;

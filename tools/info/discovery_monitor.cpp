@@ -101,7 +101,7 @@ double discovery_monitor::elapsed() const {
 
 double discovery_monitor::stop() {
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         _stopping = true;
     }
     _wake.notify_all();
@@ -112,8 +112,10 @@ double discovery_monitor::stop() {
 void discovery_monitor::run() {
     for (int poll = 1;; ++poll) {
         {
-            std::unique_lock<std::mutex> lock(_mutex);
-            if (_wake.wait_for(lock, kLogPoll, [this] { return _stopping; })) break;
+            kivhal::unique_lock lock(_mutex);
+            if (_wake.wait_for(lock.native(), kLogPoll, [this]() REQUIRES(_mutex) { return _stopping; })) {
+                break;
+            }
         }
         drain_log();
         if (_progress && poll % kPollsPerProgressLine == 0) {

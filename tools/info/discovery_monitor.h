@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "kiv_log.h"
+#include "kiv_thread_annotations.h"
 
 namespace kivhal {
 namespace tools {
@@ -40,12 +41,13 @@ private:
     const bool _progress;
     FILE* const _out;
     const std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+    // The monitor's thread only, and stop() after joining it.
     std::string _step = "connecting to the sensor core";
     size_t _lines_seen = 0;
 
-    std::mutex _mutex;
+    kivhal::mutex _mutex;
     std::condition_variable _wake;
-    bool _stopping = false;
+    bool _stopping GUARDED_BY(_mutex) = false;
     std::thread _thread;
 };
 

@@ -83,12 +83,17 @@ void try_get(Getter getter) {
     }
 }
 
+std::vector<sensor_uid> discovered_suids(const kiv_sensor_factory& factory, const std::string& name) {
+    kivhal::lock_guard lock(discoveryMutex);
+    auto found = factory.suidMap.find(name);
+    return found == factory.suidMap.end() ? std::vector<sensor_uid>() : found->second;
+}
+
 sensor_info describe_sensor(const kiv_sensor_factory& factory, sensor_uid suid) {
     sensor_info info;
     info.suid = suid;
-    auto found = factory.attributesMap.find(suid);
-    if (found == factory.attributesMap.end()) return info;
-    const sensor_attributes& attrs = found->second;
+    sensor_attributes attrs;
+    if (!factory.find_attributes(suid, &attrs)) return info;
     info.has_attributes = true;
     try_get([&] { info.name = attrs.get_string(kAttrName); });
     try_get([&] { info.vendor = attrs.get_string(kAttrVendor); });
@@ -277,9 +282,8 @@ discovery_report collect_report(kiv_sensor_factory& factory) {
         if (!seen.insert(name).second) continue;
         sensor_type_info type;
         type.name = name;
-        auto suids = factory.suidMap.find(name);
-        if (suids != factory.suidMap.end()) {
-            for (sensor_uid suid : suids->second) type.sensors.push_back(describe_sensor(factory, suid));
+        for (sensor_uid suid : discovered_suids(factory, name)) {
+            type.sensors.push_back(describe_sensor(factory, suid));
         }
         type.available = available.count(name) != 0;
         type.configured = std::any_of(kt::dataTypeMap.begin(), kt::dataTypeMap.end(),

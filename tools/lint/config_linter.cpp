@@ -369,7 +369,10 @@ void linter::check_exercise_data_types(const XMLElement& exercise, bool auto_sta
 // Discovery looks up only the sensor types of data types; an exercise on any
 // other sensor type never counts as available.
 void linter::check_exercise_sensor_types() {
-    for (const auto& [element, sensor_type] : _stop_pause_sensor_types) {
+    for (const auto& entry : _stop_pause_sensor_types) {
+        // Named copies: C++17 lambdas cannot capture structured bindings.
+        const auto& element = entry.first;
+        const auto& sensor_type = entry.second;
         const bool looked_up =
             std::any_of(_data_types.begin(), _data_types.end(),
                         [&](const auto& row) { return row.second.sensor_type == sensor_type; });

@@ -77,7 +77,7 @@ core_stub::core_stub(const std::string& channel_name) {
 
 core_stub::~core_stub() {
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         _stopping = true;
     }
     _changed.notify_all();
@@ -95,13 +95,13 @@ core_stub::~core_stub() {
 }
 
 void core_stub::set_auto_respond(bool enabled) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     _auto_respond = enabled;
 }
 
 void core_stub::add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
                                 std::chrono::milliseconds delay) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     sensor_type& type = _sensor_types[data_type];
     type.suids = std::move(suids);
     type.delay = delay;
@@ -109,47 +109,48 @@ void core_stub::add_sensor_type(const std::string& data_type, std::vector<sensor
 }
 
 void core_stub::add_silent_sensor_type(const std::string& data_type) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     _sensor_types[data_type].silent = true;
 }
 
 void core_stub::set_attributes(sensor_uid suid, const sns_std_attr_event& attributes) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     _attributes[{suid.low, suid.high}] = attributes.SerializeAsString();
 }
 
 void core_stub::set_jumbo_threshold(size_t bytes) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     _jumbo_threshold = bytes;
 }
 
 bool core_stub::wait_connected(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(_mutex);
-    return _changed.wait_for(lock, timeout, [this] { return _conn_fd >= 0; });
+    kivhal::unique_lock lock(_mutex);
+    return _changed.wait_for(lock.native(), timeout, [this]() REQUIRES(_mutex) { return _conn_fd >= 0; });
 }
 
 bool core_stub::connected() const {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     return _conn_fd >= 0;
 }
 
 bool core_stub::wait_for_requests(size_t count, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(_mutex);
-    return _changed.wait_for(lock, timeout, [&] { return _requests.size() >= count; });
+    kivhal::unique_lock lock(_mutex);
+    return _changed.wait_for(lock.native(), timeout,
+                             [&]() REQUIRES(_mutex) { return _requests.size() >= count; });
 }
 
 std::vector<recorded_request> core_stub::requests() const {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     return _requests;
 }
 
 size_t core_stub::request_count() const {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     return _requests.size();
 }
 
 void core_stub::clear_requests() {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     _requests.clear();
 }
 
@@ -212,13 +213,13 @@ std::vector<uint8_t> core_stub::make_low_power_state(uint8_t lps_msg_id, uint8_t
 }
 
 int core_stub::current_fd() const {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     return _conn_fd;
 }
 
 bool core_stub::send_packet(const std::vector<uint8_t>& packet) {
     // Held across the send so the server cannot close and reuse the descriptor.
-    std::lock_guard<std::mutex> send_lock(_send_mutex);
+    kivhal::lock_guard send_lock(_send_mutex);
     int fd = current_fd();
     if (fd < 0) return false;
     ssize_t sent = send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);
@@ -226,7 +227,7 @@ bool core_stub::send_packet(const std::vector<uint8_t>& packet) {
 }
 
 std::vector<uint8_t> core_stub::report_for(const std::string& encoded_event) const {
-    std::lock_guard<std::mutex> lock(_mutex);
+    kivhal::lock_guard lock(_mutex);
     return make_report(encoded_event, encoded_event.size() > _jumbo_threshold);
 }
 
@@ -236,7 +237,7 @@ bool core_stub::send_event(const std::string& encoded_event) {
 
 void core_stub::send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet) {
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         _scheduled.push_back(
             {std::chrono::steady_clock::now() + delay, _next_sequence++, std::move(packet)});
     }
@@ -244,7 +245,7 @@ void core_stub::send_packet_after(std::chrono::milliseconds delay, std::vector<u
 }
 
 void core_stub::close_connection() {
-    std::lock_guard<std::mutex> send_lock(_send_mutex);
+    kivhal::lock_guard send_lock(_send_mutex);
     int fd = current_fd();
     // Shut down both ways: the peer sees a hang-up, the server reads the end
     // and closes the descriptor itself.
@@ -268,7 +269,7 @@ void core_stub::serve() {
             int accepted = accept4(_listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
             if (accepted < 0) continue;
             {
-                std::lock_guard<std::mutex> lock(_mutex);
+                kivhal::lock_guard lock(_mutex);
                 _conn_fd = accepted;
             }
             _changed.notify_all();
@@ -282,8 +283,8 @@ void core_stub::serve() {
         }
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         // The library went away or the test closed the connection.
-        std::lock_guard<std::mutex> send_lock(_send_mutex);
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard send_lock(_send_mutex);
+        kivhal::lock_guard lock(_mutex);
         close_fd(_conn_fd);
     }
 }
@@ -311,7 +312,7 @@ void core_stub::record(const uint8_t* data, size_t size) {
 
     bool auto_respond;
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         _requests.push_back(request);
         auto_respond = _auto_respond;
     }
@@ -339,7 +340,7 @@ void core_stub::answer_lookup(const recorded_request& request) {
 
     sensor_type type;
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         auto it = _sensor_types.find(lookup.datatypename());
         if (it != _sensor_types.end()) type = it->second;
     }
@@ -364,7 +365,7 @@ void core_stub::answer_lookup(const recorded_request& request) {
 void core_stub::answer_attributes(const recorded_request& request) {
     std::string attributes;
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        kivhal::lock_guard lock(_mutex);
         auto it = _attributes.find({request.suid().low, request.suid().high});
         if (it == _attributes.end()) return;
         attributes = it->second;
@@ -373,10 +374,10 @@ void core_stub::answer_attributes(const recorded_request& request) {
 }
 
 void core_stub::deliver_scheduled() {
-    std::unique_lock<std::mutex> lock(_mutex);
+    kivhal::unique_lock lock(_mutex);
     while (!_stopping) {
         if (_scheduled.empty()) {
-            _changed.wait(lock);
+            _changed.wait(lock.native());
             continue;
         }
         auto next = std::min_element(_scheduled.begin(), _scheduled.end(),
@@ -387,7 +388,7 @@ void core_stub::deliver_scheduled() {
         // A copy: a send scheduled during the wait may reallocate the queue.
         const auto due = next->due;
         if (due > std::chrono::steady_clock::now()) {
-            _changed.wait_until(lock, due);
+            _changed.wait_until(lock.native(), due);
             continue;
         }
         std::vector<uint8_t> packet = std::move(next->packet);

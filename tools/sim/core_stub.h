@@ -37,6 +37,7 @@
 #include <thread>
 #include <vector>
 
+#include "kiv_thread_annotations.h"
 #include "sns_client.pb.h"
 #include "sns_std_attr.pb.h"
 #include "tav_interface.h"
@@ -164,19 +165,21 @@ private:
     int _listen_fd = -1;
     int _stop_pipe[2] = {-1, -1};
 
-    mutable std::mutex _mutex;
+    mutable kivhal::mutex _mutex;
     std::condition_variable _changed;
-    int _conn_fd = -1;
-    bool _stopping = false;
-    std::vector<recorded_request> _requests;
-    bool _auto_respond = false;
-    std::map<std::string, sensor_type> _sensor_types;
-    std::map<std::pair<uint64_t, uint64_t>, std::string> _attributes;
-    size_t _jumbo_threshold = 4000;
-    std::vector<scheduled_packet> _scheduled;
-    uint64_t _next_sequence = 0;
+    int _conn_fd GUARDED_BY(_mutex) = -1;
+    bool _stopping GUARDED_BY(_mutex) = false;
+    std::vector<recorded_request> _requests GUARDED_BY(_mutex);
+    bool _auto_respond GUARDED_BY(_mutex) = false;
+    std::map<std::string, sensor_type> _sensor_types GUARDED_BY(_mutex);
+    std::map<std::pair<uint64_t, uint64_t>, std::string> _attributes GUARDED_BY(_mutex);
+    size_t _jumbo_threshold GUARDED_BY(_mutex) = 4000;
+    std::vector<scheduled_packet> _scheduled GUARDED_BY(_mutex);
+    uint64_t _next_sequence GUARDED_BY(_mutex) = 0;
 
-    std::mutex _send_mutex;
+    // Held across a send, so the server cannot close and reuse the descriptor
+    // meanwhile; taken before _mutex.
+    kivhal::mutex _send_mutex ACQUIRED_BEFORE(_mutex);
     std::thread _server;
     std::thread _scheduler;
 };
