@@ -9,6 +9,7 @@
 // attribute event (128). A disable request (10) drops that sensor's
 // registration, as the connection does; answers already queued still arrive.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -60,6 +61,10 @@ public:
     std::vector<fake_request> requests() const;
     // Stops answering; nothing is delivered afterwards.
     void stop();
+    // Waits until every answer queued so far has been delivered, at most
+    // `timeout`: an answer whose handler waits for a lock the caller holds
+    // is left for later, as it would be on a real core.
+    void wait_idle(std::chrono::milliseconds timeout);
 
     static std::string make_lookup_event(const std::string& data_type,
                                          const std::vector<sensor_uid>& suids);
@@ -74,6 +79,7 @@ private:
     mutable std::mutex _mutex;
     std::condition_variable _wake;
     bool _stopping = false;
+    bool _delivering = false;
     std::vector<fake_request> _requests;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
