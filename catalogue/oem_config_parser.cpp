@@ -1,9 +1,11 @@
 #include <tinyxml2.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <vector>
@@ -47,11 +49,25 @@ bool equals(const char* text, const char* expected) {
 }
 
 // Goal copies handed to the service share these arrays, so they live for the
-// whole process; the pool keeps them reachable rather than freeing them.
+// whole process and are never freed: they are carved out of large blocks
+// that stay reachable, one allocation per block instead of one per array.
 uint8_t* allocate_byte_threshold(const char* text, size_t length) {
-    static auto* pool = new std::deque<std::unique_ptr<uint8_t[]>>();
-    pool->emplace_back(new uint8_t[length]);
-    uint8_t* bytes = pool->back().get();
+    constexpr size_t kBlockBytes = 16 * 1024;
+    static auto* blocks = new std::deque<std::unique_ptr<uint8_t[]>>();
+    static size_t used = kBlockBytes;
+    uint8_t* bytes;
+    if (length > kBlockBytes / 4) {
+        // Large arrays get a block of their own; the current block goes on.
+        blocks->emplace_front(new uint8_t[length]);
+        bytes = blocks->front().get();
+    } else {
+        if (used + length > kBlockBytes) {
+            blocks->emplace_back(new uint8_t[kBlockBytes]);
+            used = 0;
+        }
+        bytes = blocks->back().get() + used;
+        used += length;
+    }
     memcpy(bytes, text, length);
     return bytes;
 }
@@ -155,7 +171,18 @@ void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
     }
 }
 
+size_t threshold_count(const XMLElement& goalElement) {
+    size_t count = 0;
+    for (const XMLElement* threshold = goalElement.FirstChildElement("threshold");
+         threshold != nullptr; threshold = threshold->NextSiblingElement("threshold")) {
+        count++;
+    }
+    return count;
+}
+
 void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInfo* row) {
+    // One allocation per row rather than one per doubling.
+    row->goals.reserve(row->goals.size() + threshold_count(goalElement));
     for (const XMLElement* threshold = goalElement.FirstChildElement("threshold");
          threshold != nullptr; threshold = threshold->NextSiblingElement("threshold")) {
         kt::DataTypeGoal goal{};
@@ -197,13 +224,39 @@ bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo*
     return true;
 }
 
-std::vector<kt::DataType> rows_named(const std::string& typeName) {
-    std::vector<kt::DataType> keys;
-    for (const auto& [key, row] : kt::dataTypeMap) {
-        if (row.typeName == typeName) keys.push_back(key);
+// Type name to the keys of the rows carrying it, in the table's iteration
+// order: the same keys in the same order as a walk of the whole table per
+// name, for one walk per configuration element. Built on first use, so an
+// element without automatic starts costs nothing. The views point into the
+// rows' own names; exercises never change the data-type table, so they stay
+// valid while the element's exercises are read.
+class rows_by_type_name {
+public:
+    template <typename Visit>
+    void for_each_row_named(const std::string& typeName, Visit visit) {
+        if (!_built) build();
+        auto rows = std::equal_range(_rows.begin(), _rows.end(), row_ref{typeName, {}}, by_name);
+        for (auto row = rows.first; row != rows.second; ++row) visit(row->key);
     }
-    return keys;
-}
+
+private:
+    struct row_ref {
+        std::string_view name;
+        kt::DataType key;
+    };
+    static bool by_name(const row_ref& a, const row_ref& b) { return a.name < b.name; }
+
+    // One sorted array: a stable sort keeps the table's order among equal names.
+    void build() {
+        _rows.reserve(kt::dataTypeMap.size());
+        for (const auto& [key, row] : kt::dataTypeMap) _rows.push_back({row.typeName, key});
+        std::stable_sort(_rows.begin(), _rows.end(), by_name);
+        _built = true;
+    }
+
+    bool _built = false;
+    std::vector<row_ref> _rows;
+};
 
 }  // namespace
 
@@ -239,6 +292,7 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
         KIV_LOGD("Parsing AutoExercise Elements");
         const XMLElement* autoExercise = configuration->FirstChildElement("autoExerciseType");
         if (autoExercise != nullptr) {
+            rows_by_type_name index;
             for (const XMLElement* element = autoExercise->FirstChildElement("exercisetype");
                  element != nullptr; element = element->NextSiblingElement("exercisetype")) {
                 int32_t number = 0;
@@ -252,10 +306,10 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                         const char* name = datatype->Attribute("type");
                         if (name == nullptr) continue;
                         const std::string upper = to_upper(name);
-                        for (DataType key : rows_named(upper)) {
+                        index.for_each_row_named(upper, [&](DataType key) {
                             KIV_LOGD("Adding DataType %s to autoStartList", upper.c_str());
                             exercise.autoStartDataTypes.push_back(key);
-                        }
+                        });
                     }
                 }
                 KIV_LOGD("Adding exercise %d in exerMap", number);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kiv_thread_annotations.h"
+#include "report_sensor_id.h"
 #include "sns_ducto_packet.h"
 #include "tav_interface.h"
 #include "worker.h"
@@ -54,7 +55,9 @@ public:
     // Reader thread and inbound dispatch.
     static void ducto_thread_routine(tav_ducto* conn);
     void ducto_response_handler(sns_aon_client_resp_msg_v01* msg) EXCLUDES(_s_mutex);
-    void ducto_indication_handler(uint32_t msg_id, sns_ducto_packet packet);
+    // The packet is taken by reference: a 10 KB copy per report buys nothing,
+    // the callback sees the payload only during the call either way.
+    void ducto_indication_handler(uint32_t msg_id, const sns_ducto_packet& packet);
     int update_suid(uint32_t ignored, sensor_uid& suid);
     // The callback is taken by reference: copying a capturing callable on
     // every report would allocate.
@@ -111,5 +114,7 @@ private:
     const uint8_t* _ind_payload;
     uint32_t _ind_payload_len;
     sns_wakelock* _wakelock;
+    // Reader thread only.
+    report_sensor_id_reader _report_ids;
     worker _worker;
 };

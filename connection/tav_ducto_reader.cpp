@@ -166,7 +166,7 @@ void tav_ducto::ducto_response_handler(sns_aon_client_resp_msg_v01* msg) {
     update_suid_map_table(suid);
 }
 
-void tav_ducto::ducto_indication_handler(uint32_t msg_id, sns_ducto_packet packet) {
+void tav_ducto::ducto_indication_handler(uint32_t msg_id, const sns_ducto_packet& packet) {
     KIV_LOGD("TAV_DUCTO_int conn = 0x%llx received indication", conn_id(this));
     if (_is_closing) {
         KIV_LOGD("TAV_DUCTO_int conn = 0x%llx indication is coming while connection is being "
@@ -224,11 +224,8 @@ int tav_ducto::update_suid(uint32_t, sensor_uid& suid) {
         KIV_LOGI("TAV_DUCTO_int payload len is 0");
         return -1;
     }
-    sns_client_event_msg event_msg;
-    event_msg.ParseFromArray(_ind_payload, static_cast<int>(_ind_payload_len));
+    suid = _report_ids.read(_ind_payload, _ind_payload_len);
     KIV_LOGV("TAV_DUCTO_int Done parsing message");
-    suid.low = event_msg.suid().uidlow();
-    suid.high = event_msg.suid().uidhigh();
     return 0;
 }
 

@@ -19,17 +19,12 @@ namespace {
 constexpr int kSessionId = 0;
 
 constexpr int kAttributeWaitSteps = 100;
-constexpr long kAttributeWaitStepNs = 30 * 1000 * 1000;
-constexpr useconds_t kReleaseSettleUs = 50000;
+constexpr int64_t kAttributeWaitStepNs = 30 * kivhal::discovery::kNanosPerMilli;
+constexpr int64_t kReleaseSettleMs = 50;
 
 // A relative monotonic sleep that starts over when a signal cuts it short.
 int sleep_attribute_step() {
-    const struct timespec step = {0, kAttributeWaitStepNs};
-    int err;
-    do {
-        err = clock_nanosleep(CLOCK_MONOTONIC, 0, &step, nullptr);
-    } while (err == EINTR);
-    return err;
+    return kivhal::discovery::current_clock().sleep_ns(kAttributeWaitStepNs);
 }
 
 }  // namespace
@@ -105,7 +100,7 @@ void kiv_sensor_factory::retrieve_attributes() {
             tavInterface->send_request(suid, true, encoded, kSessionId);
         }
     }
-    usleep(kReleaseSettleUs);
+    kivhal::discovery::sleep_ms(kReleaseSettleMs);
     if (pendingAttributes != 0) {
         KIV_LOGE("timeout while waiting for attributes, pending = %d, err = %d", pendingAttributes,
                  err);

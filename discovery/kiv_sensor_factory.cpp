@@ -11,7 +11,9 @@
 #include "kiv_log.h"
 #include "kivhal/platform.h"
 
+using kivhal::discovery::current_clock;
 using kivhal::discovery::ns_to_seconds;
+using kivhal::discovery::sleep_ms;
 using kivhal::discovery::steady_now_ns;
 using kivhal::discovery::steady_now_seconds;
 
@@ -23,17 +25,17 @@ constexpr const char* kRegistrySensorType = "registry";
 constexpr const char* kOemConfigPath = "/vendor/etc/sensors/oem_config.xml";
 
 constexpr int kRegistryTries = 80;
-constexpr time_t kRegistryWaitSeconds = 1;
-constexpr useconds_t kRegistryRetryPauseUs = 250000;
-constexpr useconds_t kRegistryDisableSettleUs = 100000;
+constexpr int64_t kRegistryWaitNs = 1000 * kivhal::discovery::kNanosPerMilli;
+constexpr int64_t kRegistryRetryPauseMs = 250;
+constexpr int64_t kRegistryDisableSettleMs = 100;
 
 constexpr uint32_t kLaterBootDiscoveryTimeoutMs = 1000;
 constexpr uint32_t kFirstBootDiscoveryTimeoutMs = 7000;
 constexpr uint32_t kMillisPerSecond = 1000;
-constexpr useconds_t kDiscoveryDisableSettleUs = 50000;
+constexpr int64_t kDiscoveryDisableSettleMs = 50;
 
 constexpr int kRediscoverPasses = 8;
-constexpr auto kRediscoverPause = std::chrono::seconds(2);
+constexpr int64_t kRediscoverPauseMs = 2000;
 
 }  // namespace
 
@@ -100,12 +102,9 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
 
 bool kiv_sensor_factory::wait_for_registry_answer() {
     kivhal::pthread_lock_guard lock(&registryMutex);
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += kRegistryWaitSeconds;
     // One timed wait only: the callback signals after every message, and the
     // caller re-requests on its own schedule.
-    pthread_cond_timedwait(&registryWait, &registryMutex, &deadline);
+    current_clock().timed_wait_ns(&registryWait, &registryMutex, kRegistryWaitNs);
     return registryUp;
 }
 
@@ -135,7 +134,7 @@ bool kiv_sensor_factory::is_registry_up() {
         if (up) {
             break;
         }
-        usleep(kRegistryRetryPauseUs);
+        sleep_ms(kRegistryRetryPauseMs);
     } while (countdown > 1);
     if (!up) {
         countdown = 0;
@@ -155,7 +154,7 @@ bool kiv_sensor_factory::is_registry_up() {
     // Ends the registry registration; the pause lets the answer drop it before
     // discovery registers the lookup service again.
     request_suid(kRegistrySensorType, true, false);
-    usleep(kRegistryDisableSettleUs);
+    sleep_ms(kRegistryDisableSettleMs);
     return registry_is_up();
 }
 
@@ -185,7 +184,7 @@ void kiv_sensor_factory::discover_sensors() {
     uint32_t timeout_ms = get_discovery_timeout_ms();
     KIV_LOGV("before sleep, now=%f", steady_now_seconds());
     KIV_LOGI("waiting for suids for %us ...", timeout_ms / kMillisPerSecond);
-    std::this_thread::sleep_for(std::chrono::milliseconds(timeout_ms));
+    sleep_ms(timeout_ms);
     KIV_LOGV("after sleep, now=%f", steady_now_seconds());
 
     if (laterBoot) {
@@ -209,7 +208,7 @@ void kiv_sensor_factory::discover_sensors() {
         last_suid_time = lastSuidTime;
     }
     KIV_LOGI("suid discovery time = %fs", ns_to_seconds(last_suid_time - t_start));
-    usleep(kDiscoveryDisableSettleUs);
+    sleep_ms(kDiscoveryDisableSettleMs);
 }
 
 uint32_t kiv_sensor_factory::mandatory_count() const {
@@ -236,7 +235,7 @@ void kiv_sensor_factory::wait_for_sensors() {
             KIV_LOGD("re-sending request for %s", name.c_str());
             request_suid(name, false, true);
         }
-        std::this_thread::sleep_for(kRediscoverPause);
+        sleep_ms(kRediscoverPauseMs);
 
         kivhal::lock_guard lock(discoveryMutex);
         count--;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kMandatoryListPath = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
 constexpr int kMandatoryWaitPasses = 8;
-constexpr auto kMandatoryWaitPause = std::chrono::seconds(1);
+constexpr int64_t kMandatoryWaitPauseMs = 1000;
 
 bool is_mandatory(const std::string& name) REQUIRES(discoveryMutex) {
     return std::find(mandatorySensors.begin(), mandatorySensors.end(), name) !=
@@ -114,7 +114,7 @@ void kiv_sensor_factory::wait_for_mandatory_sensors() {
             KIV_LOGD("re-sending request for %s", name.c_str());
             request_suid(name, false, true);
         }
-        std::this_thread::sleep_for(kMandatoryWaitPause);
+        kivhal::discovery::sleep_ms(kMandatoryWaitPauseMs);
         count--;
 
         kivhal::lock_guard lock(discoveryMutex);

@@ -17,15 +17,28 @@ jobs=$(nproc)
 # run more of them than there are cores.
 test_jobs=$((jobs * 4))
 
-status=0
+# Each preset's tests run while the next preset builds; their output is
+# printed, preset by preset, once all have finished.
+logs=$(mktemp -d)
+trap 'rm -rf "$logs"' EXIT
+tested=()
+pids=()
 for preset in "${presets[@]}"; do
   echo "=== ${preset}: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
   [ "$preset" = clang-tsa ] && continue
-  echo "=== ${preset}: test"
-  if ! ctest --preset "$preset" -j "$test_jobs"; then
-    status=1
-  fi
+  ctest --preset "$preset" -j "$test_jobs" >"$logs/$preset" 2>&1 &
+  tested+=("$preset")
+  pids+=($!)
+done
+
+status=0
+for i in "${!tested[@]}"; do
+  rc=0
+  wait "${pids[$i]}" || rc=$?
+  echo "=== ${tested[$i]}: test"
+  cat "$logs/${tested[$i]}"
+  [ "$rc" -eq 0 ] || status=1
 done
 exit $status

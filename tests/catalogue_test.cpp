@@ -216,6 +216,55 @@ TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeOnlyWhenAutoStart) {
     EXPECT_TRUE(exercise(9).autoPause && !exercise(9).autoStart);
 }
 
+// The keys of every row named `name`, in the table's own iteration order.
+std::vector<kt::DataType> keys_named(const std::string& name) {
+    std::vector<kt::DataType> keys;
+    for (const auto& [key, info] : kt::dataTypeMap) {
+        if (info.typeName == name) keys.push_back(key);
+    }
+    return keys;
+}
+
+// Many rows share a name, interleaved with others, across two configuration
+// elements: each exercise gets them in table order, including rows its own
+// element added, with one log line per key.
+TEST_F(CatalogueTest, AutoStartKeysFollowTheTableOrderOfTheirElement) {
+    auto datatypes = [](int first, int count) {
+        std::string xml;
+        for (int i = first; i < first + count; i++) {
+            const char* name = i % 3 == 0 ? "other" : "step";
+            xml += "<datatype sensor_type=\"s\" type=\"" + std::string(name) + "\" data_type_value=\"0x" +
+                   std::to_string(100 + i) + "\"/>";
+        }
+        return xml;
+    };
+    const std::string exercise_xml = R"(<autoExerciseType><exercisetype type="e" sensor_type="s" exercise_num="%d"
+        auto_start="true"><datatype type="Step"/></exercisetype></autoExerciseType>)";
+    auto element = [&](int first, int count, int number) {
+        std::string exercises = exercise_xml;
+        exercises.replace(exercises.find("%d"), 2, std::to_string(number));
+        return R"(<configuration type="KIV_oem_datatype"><datatypes>)" + datatypes(first, count) + "</datatypes>" +
+               exercises + "</configuration>";
+    };
+    // The table as the first exercise saw it: the same inserts, in order,
+    // into a table of the same bucket count.
+    auto fresh_tables = [] {
+        clear_tables();
+        kt::dataTypeMap.rehash(0);
+        kivhal::host::clear_captured_log();
+    };
+    fresh_tables();
+    ASSERT_TRUE(parse(element(0, 60, 1)));
+    const std::vector<kt::DataType> first_keys = keys_named("STEP");
+    ASSERT_EQ(first_keys.size(), 40u);
+    fresh_tables();
+
+    ASSERT_TRUE(parse(element(0, 60, 1) + element(60, 30, 2)));
+    EXPECT_EQ(exercise(1).autoStartDataTypes, first_keys);
+    EXPECT_EQ(exercise(2).autoStartDataTypes, keys_named("STEP"));
+    EXPECT_EQ(log_lines_containing("Adding DataType STEP to autoStartList").size(), 40u + 60u);
+}
+
 TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValueAborts) {
     EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));

@@ -12,10 +12,12 @@
 #include "kiv_sensor_factory.h"
 #include "sensor_attributes.h"
 #include "test_support.h"
+#include "virtual_clock.h"
 
 // Discovery against the in-process fake core, which records every request:
 // whole startDiscovery runs, then the callbacks, the mandatory sensor list and
-// the attribute store driven directly.
+// the attribute store driven directly. Discovery's pauses run on virtual
+// time, with every answer the fake owes delivered before each pause ends.
 
 namespace {
 
@@ -132,10 +134,40 @@ protected:
 
     kivhal::test::scoped_root root;
     core_t core;
+    kivhal::test::virtual_clock clock{[this] { core.wait_idle(std::chrono::seconds(1)); }};
     kiv_sensor_factory factory;
 };
 
 using DiscoveryCallbacksTest = DiscoveryDriverTest;
+
+constexpr int64_t kMs = 1000 * 1000;
+std::vector<int64_t> repeated(std::initializer_list<int64_t> pattern, int times) {
+    std::vector<int64_t> out;
+    for (int i = 0; i < times; i++) out.insert(out.end(), pattern);
+    return out;
+}
+std::vector<int64_t> operator+(std::vector<int64_t> a, const std::vector<int64_t>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Eighty lookups, each followed by a 1 s wait and a 250 ms pause, then the
+// disable request and 100 ms; nothing else is touched.
+TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
+    core.add_sensor_type("registry", {});
+    discover();
+
+    const std::vector<fake_request> requests = core.requests();
+    ASSERT_EQ(requests.size(), 81u);
+    for (size_t i = 0; i < 80; i++) EXPECT_EQ(requests[i].msg_id(), kLookup) << i;
+    EXPECT_EQ(requests.back().msg_id(), kDisable);
+    const auto pauses = repeated({1000 * kMs, 250 * kMs}, 80) + std::vector<int64_t>{100 * kMs};
+    EXPECT_EQ(clock.pauses(), pauses);
+    EXPECT_TRUE(log_contains("registry_sensor unavailable even after '100.000000secs' of serviceup(no of repeats:'80')"));
+    EXPECT_TRUE(log_contains("registry sensor not ready, not trying to get sensors list"));
+    EXPECT_FALSE(root.exists(kListPath));
+    EXPECT_FALSE(log_contains("Starting Parsing of XML Config File"));
+}
 
 TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
     root.write_file(kListPath, "health\nheart_rate\n");
@@ -211,6 +243,10 @@ TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
                   9) << name;
     }
     EXPECT_EQ(requests.size(), 2u + 27u + 1u);
+    // Registry wait and settle, 7 s, eight 2 s passes, the final 50 ms.
+    const auto pauses = std::vector<int64_t>{1000 * kMs, 100 * kMs, 7000 * kMs} + repeated({2000 * kMs}, 8) +
+                        std::vector<int64_t>{50 * kMs};
+    EXPECT_EQ(clock.pauses(), pauses);
     EXPECT_TRUE(log_contains("waiting for suids for 7s ..."));
     EXPECT_TRUE(log_contains("sensors list is 0 after first boot "));
     EXPECT_FALSE(factory.listWriter.is_open());
@@ -230,6 +266,12 @@ TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
     EXPECT_TRUE(log_contains("1 missing sensor(s)"));
     // Every pass re-sends the two names that never answered.
     EXPECT_EQ(log_lines_containing("re-sending request for").size(), 8u * 2u);
+    // 1 s after the lookups, eight 1 s passes, 50 ms; attributes follow.
+    const auto pauses = std::vector<int64_t>{1000 * kMs, 100 * kMs, 1000 * kMs} + repeated({1000 * kMs}, 8) +
+                        std::vector<int64_t>{50 * kMs};
+    std::vector<int64_t> seen = clock.pauses();
+    seen.resize(std::min(seen.size(), pauses.size()));
+    EXPECT_EQ(seen, pauses);
     EXPECT_EQ(root.read_file(kListPath), "health\n");
     EXPECT_EQ(factory.attributesMap.count(kHealth), 1u);
 }

@@ -101,10 +101,18 @@ void fake_tav_interface::run() {
         if (_stopping) return;
         auto [callback, event] = std::move(_queue.front());
         _queue.pop_front();
+        _delivering = true;
         lock.unlock();
         callback(reinterpret_cast<const uint8_t*>(event.data()), static_cast<uint32_t>(event.size()), 0);
         lock.lock();
+        _delivering = false;
+        _wake.notify_all();
     }
+}
+
+void fake_tav_interface::wait_idle(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(_mutex);
+    _wake.wait_for(lock, timeout, [this] { return _stopping || (_queue.empty() && !_delivering); });
 }
 
 std::string fake_tav_interface::make_lookup_event(const std::string& data_type,

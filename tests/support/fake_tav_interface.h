@@ -11,6 +11,7 @@
 // Attribute answers can be held back and delivered later, as a slow core
 // answers after discovery gave up waiting.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -65,6 +66,10 @@ public:
     void deliver_held_answers();
     // Stops answering; nothing is delivered afterwards.
     void stop();
+    // Waits until every answer queued so far has been delivered, at most
+    // `timeout`: an answer whose handler waits for a lock the caller holds
+    // is left for later, as it would be on a real core.
+    void wait_idle(std::chrono::milliseconds timeout);
 
     static std::string make_lookup_event(const std::string& data_type,
                                          const std::vector<sensor_uid>& suids);
@@ -80,6 +85,7 @@ private:
     std::condition_variable _wake;
     bool _stopping = false;
     bool _holding = false;
+    bool _delivering = false;
     std::vector<fake_request> _requests;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
