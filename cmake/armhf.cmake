@@ -20,10 +20,12 @@ set(ENV{PKG_CONFIG_LIBDIR}
   "${KIVHAL_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${KIVHAL_ARMHF_SYSROOT}/usr/share/pkgconfig")
 
 set(_kivhal_target_libs "${KIVHAL_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
-string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT
-  " -Wl,-rpath-link,${_kivhal_target_libs}/android -Wl,-rpath-link,${KIVHAL_ARMHF_SYSROOT}/usr/lib/p7zip")
-string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT
-  " -Wl,-rpath-link,${_kivhal_target_libs}/android -Wl,-rpath-link,${KIVHAL_ARMHF_SYSROOT}/usr/lib/p7zip")
+# libutils' own dependencies (and libbacktrace's 7z.so) live outside the
+# default search path. set, not append: the toolchain file is read twice.
+set(_kivhal_rpath_link
+  "-Wl,-rpath-link,${_kivhal_target_libs}/android -Wl,-rpath-link,${KIVHAL_ARMHF_SYSROOT}/usr/lib/p7zip")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "${_kivhal_rpath_link}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_kivhal_rpath_link}")
 
 # The host protoc generates the sources (same protobuf version as the target).
 set(Protobuf_PROTOC_EXECUTABLE /usr/bin/protoc CACHE FILEPATH "")
