@@ -9,7 +9,10 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
+  hidl-gen
 )
+# The 32-bit ARM cross build and its emulator (scripts/test.sh armhf).
+[ "${1:-}" = --armhf ] && packages=(g++-arm-linux-gnueabihf qemu-user)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite in every build: normal,
 # AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer.
+# Also checks the HIDL interface and Android.bp against the host build.
 # Usage: scripts/test.sh [preset ...]   (default: default asan tsan)
+#        scripts/test.sh armhf           (32-bit ARM cross build under qemu-arm)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
-
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(default asan tsan)
+
+scripts/install-deps.sh
+if [[ " ${presets[*]} " == *" armhf "* ]]; then
+  scripts/install-deps.sh --armhf
+  scripts/armhf-sysroot.sh
+fi
 
 jobs=$(nproc)
 # Tests spend most of their time waiting on the protocol's fixed timeouts, so
@@ -16,10 +22,19 @@ jobs=$(nproc)
 test_jobs=$((jobs * 4))
 
 status=0
+echo "=== interface and Android.bp checks"
+scripts/check-hidl.sh || status=1
+scripts/check-android-bp.sh || status=1
+
 for preset in "${presets[@]}"; do
   echo "=== ${preset}: configure and build"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs"
+  if [ "$preset" = armhf ]; then
+    # Cross compiling is heavy and shares the machine; tests still run wide.
+    nice -n 10 cmake --build --preset "$preset" -j "$jobs"
+  else
+    cmake --build --preset "$preset" -j "$jobs"
+  fi
   echo "=== ${preset}: test"
   if ! ctest --preset "$preset" -j "$test_jobs"; then
     status=1
