@@ -10,7 +10,10 @@ packages=(
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
   android-libbase-dev clang-14
+  hidl-gen
 )
+# The 32-bit ARM cross build and its emulator (scripts/test.sh armhf).
+[ "${1:-}" = --armhf ] && packages=(g++-arm-linux-gnueabihf qemu-user)
 
 missing=()
 for p in "${packages[@]}"; do

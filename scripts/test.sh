@@ -2,20 +2,31 @@
 # Builds and runs the whole test suite in every build: normal,
 # AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer; then
 # builds the library and tools with clang's thread-safety analysis (clang-tsa,
-# compile only: it fails on a lock-annotation warning).
+# compile only: it fails on a lock-annotation warning). Also checks the HIDL
+# interface and Android.bp against the host build.
 # Usage: scripts/test.sh [preset ...]   (default: default asan tsan clang-tsa)
+#        scripts/test.sh armhf           (32-bit ARM cross build under qemu-arm)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
-
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(default asan tsan clang-tsa)
+
+scripts/install-deps.sh
+if [[ " ${presets[*]} " == *" armhf "* ]]; then
+  scripts/install-deps.sh --armhf
+  scripts/armhf-sysroot.sh
+fi
 
 jobs=$(nproc)
 # Tests spend most of their time waiting on the protocol's fixed timeouts, so
 # run more of them than there are cores.
 test_jobs=$((jobs * 4))
+
+status=0
+echo "=== interface and Android.bp checks"
+scripts/check-hidl.sh || status=1
+scripts/check-android-bp.sh || status=1
 
 # Each preset's tests run while the next preset builds; their output is
 # printed, preset by preset, once all have finished.
@@ -26,14 +37,18 @@ pids=()
 for preset in "${presets[@]}"; do
   echo "=== ${preset}: configure and build"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs"
+  if [ "$preset" = armhf ]; then
+    # Cross compiling is heavy and shares the machine; tests still run wide.
+    nice -n 10 cmake --build --preset "$preset" -j "$jobs"
+  else
+    cmake --build --preset "$preset" -j "$jobs"
+  fi
   [ "$preset" = clang-tsa ] && continue
   ctest --preset "$preset" -j "$test_jobs" >"$logs/$preset" 2>&1 &
   tested+=("$preset")
   pids+=($!)
 done
 
-status=0
 for i in "${!tested[@]}"; do
   rc=0
   wait "${pids[$i]}" || rc=$?

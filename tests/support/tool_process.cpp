@@ -19,6 +19,9 @@ namespace test {
 namespace {
 
 constexpr std::chrono::milliseconds kPollStep{10};
+// Set by the launcher of a cross build: an emulated process cannot exec a
+// target program itself, so the tools are started through the emulator.
+constexpr char kEmulatorEnv[] = "KIVHAL_EMULATOR";
 
 std::string make_temp_file() {
     std::string path = "/tmp/kivhal-tool-XXXXXX";
@@ -38,7 +41,10 @@ std::string slurp(const std::string& path) {
 
 tool_process::tool_process(const std::string& path, const std::vector<std::string>& args)
     : _out_path(make_temp_file()), _err_path(make_temp_file()) {
-    std::vector<std::string> storage{path};
+    std::vector<std::string> storage;
+    const char* emulator = getenv(kEmulatorEnv);
+    if (emulator != nullptr && *emulator != '\0') storage.emplace_back(emulator);
+    storage.push_back(path);
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& arg : storage) argv.push_back(arg.data());
@@ -47,9 +53,9 @@ tool_process::tool_process(const std::string& path, const std::vector<std::strin
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _out_path.c_str(), O_WRONLY | O_TRUNC, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, _err_path.c_str(), O_WRONLY | O_TRUNC, 0);
-    const int error = posix_spawn(&_pid, path.c_str(), &actions, nullptr, argv.data(), environ);
+    const int error = posix_spawn(&_pid, storage.front().c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw std::runtime_error("posix_spawn " + path + ": " + strerror(error));
+    if (error != 0) throw std::runtime_error("posix_spawn " + storage.front() + ": " + strerror(error));
 }
 
 tool_process::~tool_process() {
