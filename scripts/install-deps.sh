@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
+# Usage: scripts/install-deps.sh [EXTRA_PACKAGE...]   (e.g. what fuzzing needs)
 set -euo pipefail
 
 packages=(
@@ -9,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
+  "$@"
 )
 
 missing=()
