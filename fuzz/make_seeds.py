@@ -182,6 +182,10 @@ def seeds():
         example = f.read()
     yield "oem_config", "example", example
     yield "oem_config", "goals", OEM_GOALS
+    # An empty data_type_value aborts the parse by contract: the target must
+    # drop this input rather than report it.
+    yield "oem_config", "empty_hex_value", OEM_GOALS.replace(b'data_type_value="0x1000">',
+                                                            b'data_type_value="0x">')
 
     yield "sensorstore_write_info", "own_and_foreign", write_info_input(store)
     yield "sensorstore_write_info", "short_walk", write_info_input(image([(own, report(hr, True))],
@@ -194,6 +198,8 @@ def seeds():
     yield "tool_inputs", "config", example
     yield "tool_inputs", "config_mistakes", OEM_MISTAKES
     yield "tool_inputs", "image", store
+    # Regression: a header claiming 4 GiB once sized the reader's buffer.
+    yield "tool_inputs", "huge_data_len", struct.pack("<II", 0xFFFFFFFF, 0) + b"\x01\x02\x03\x04"
 
 
 OEM_GOALS = b"""<?xml version="1.0"?>
