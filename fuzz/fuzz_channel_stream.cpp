@@ -100,20 +100,19 @@ std::string packet_head(uint16_t msg_id, size_t length) {
 // whatever the previous one left behind.
 std::string reset_packet() { return packet_head(kInfoResponse, SNS_DUCTO_PACKET_LEN); }
 
-std::string encode_fixed64_field(uint32_t field, uint64_t value) {
-    std::string out(1, static_cast<char>(field << 3 | 1));
-    out.resize(9);
-    put_le(&out, 1, value, 8);
+std::string le64(uint64_t value) {
+    std::string out(8, '\0');
+    put_le(&out, 0, value, 8);
     return out;
 }
 
-// A report for the sentinel sensor carrying `nonce` as its event's payload.
+// A report for the sentinel sensor whose one event carries `nonce` as its
+// payload, encoded by hand: suid {1: low, 2: high}, eventList {3: payload}.
 std::string sentinel_report(uint64_t nonce, std::string* payload) {
-    const std::string suid = encode_fixed64_field(1, kSentinel.low) +
-                             encode_fixed64_field(2, kSentinel.high);
-    const std::string event = std::string("\x1a\x08", 2) + encode_fixed64_field(0, nonce).substr(1);
-    *payload = std::string(1, '\x0a') + static_cast<char>(suid.size()) + suid + '\x12' +
-               static_cast<char>(event.size()) + event;
+    const std::string suid = "\x09" + le64(kSentinel.low) + "\x11" + le64(kSentinel.high);
+    const std::string event = "\x1a\x08" + le64(nonce);
+    *payload = "\x0a" + std::string(1, static_cast<char>(suid.size())) + suid + "\x12" +
+               std::string(1, static_cast<char>(event.size())) + event;
     std::string packet = packet_head(SNS_AON_CLIENT_REPORT_IND_V01,
                                      SNS_DUCTO_IND_PAYLOAD_OFFSET + payload->size());
     put_le(&packet, SNS_DUCTO_IND_PAYLOAD_LEN_OFFSET, payload->size(), 4);

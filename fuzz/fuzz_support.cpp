@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -31,8 +31,8 @@ void make_dirs(const std::string& path) {
 }
 
 void remove_root() {
-    const std::string command = "rm -rf '" + device_root() + "'";
-    if (system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", device_root().c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(device_root(), ignored);
 }
 
 std::string create_root() {
