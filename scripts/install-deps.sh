@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
+# Usage: scripts/install-deps.sh [EXTRA_PACKAGE...]   (e.g. what fuzzing needs)
 set -euo pipefail
 
 packages=(
@@ -11,9 +12,8 @@ packages=(
   android-libutils-dev android-libcutils-dev
   android-libbase-dev clang-14
   hidl-gen
+  "$@"
 )
-# The 32-bit ARM cross build and its emulator (scripts/test.sh armhf).
-[ "${1:-}" = --armhf ] && packages=(g++-arm-linux-gnueabihf qemu-user)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -14,7 +14,7 @@ presets=("$@")
 
 scripts/install-deps.sh
 if [[ " ${presets[*]} " == *" armhf "* ]]; then
-  scripts/install-deps.sh --armhf
+  scripts/install-deps.sh g++-arm-linux-gnueabihf qemu-user
   scripts/armhf-sysroot.sh
 fi
 

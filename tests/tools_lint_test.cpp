@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -90,6 +92,26 @@ TEST(LintTest, WarningsAloneExitZero) {
 )", 0, {{2, "warning: unknown attribute \"colour\""},
         {3, "warning: threshold type \"integer\" is read as \"int\""},
         {5, "warning: sensor type \"exercise\" is no data type's"}});
+}
+
+TEST(LintTest, RefusesWhatCannotBeAConfigurationAtOnce) {
+    constexpr off_t kLimit = 16 * 1024 * 1024;
+    scoped_root root;
+    const std::string pipe = root.host_path("/pipe");
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    // Sparse files: a size is all the check looks at.
+    root.write_file("/huge.xml", "");
+    root.write_file("/limit.xml", "");
+    ASSERT_EQ(0, truncate(root.host_path("/huge.xml").c_str(), kLimit + 1));
+    ASSERT_EQ(0, truncate(root.host_path("/limit.xml").c_str(), kLimit));
+
+    for (const std::string& path : {std::string("/dev/zero"), std::string("/tmp"), pipe,
+                                    root.host_path("/huge.xml")}) {
+        expect_refused_at_once(kLint, {path});
+    }
+    // At the limit the file is read: zero bytes are no XML, an error finding.
+    const tool_result at_limit = run_program(kLint, {root.host_path("/limit.xml")});
+    EXPECT_EQ(1, at_limit.exit_code) << at_limit.err;
 }
 
 }  // namespace

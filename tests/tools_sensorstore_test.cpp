@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -73,6 +75,21 @@ TEST_F(SensorStoreDumpTest, CorruptImagesAreReportedWithoutCrashing) {
         EXPECT_EQ(1, result.exit_code) << expected << "\n" << result.err;  // -1 on a crash
         EXPECT_TRUE(contains(result.out, expected)) << expected << "\n" << result.out;
     }
+}
+
+TEST_F(SensorStoreDumpTest, RefusesWhatIsNeitherFileNorBlockDeviceAtOnce) {
+    const std::string pipe = root.host_path("/pipe");
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    for (const std::string& path : {std::string("/dev/zero"), std::string("/tmp"), pipe}) {
+        expect_refused_at_once(kTool, {"dump", path});
+    }
+    // A header claiming 4 GiB in a 12-byte file is read no further than the
+    // file: reported as corrupt, quickly.
+    const auto start = std::chrono::steady_clock::now();
+    const tool_result result = dump(bytes_of(sensorstore_image().add_raw({1, 2, 3, 4}).set_data_len(0xffffffff)));
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(1, result.exit_code) << result.err;
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
 }
 
 }  // namespace

@@ -70,6 +70,15 @@ inline void expect_usage_errors(const std::string& path, const std::string& usag
         EXPECT_EQ(result.err.size() - 1, result.err.find('\n')) << result.err;
     }
 }
+
+// Hostile inputs (devices, directories, pipes, oversized files) are refused
+// at once: exit 2, one line on standard error, within a few seconds.
+inline void expect_refused_at_once(const std::string& path, const std::vector<std::string>& args) {
+    const tool_result result = run_program(path, args, std::chrono::seconds(5));
+    EXPECT_EQ(2, result.exit_code) << args.back() << "\n" << result.out << result.err;
+    EXPECT_EQ("", result.out);
+    EXPECT_EQ(result.err.size() - 1, result.err.find('\n')) << result.err;
+}
 }  // namespace test
 }  // namespace kivhal
 #endif

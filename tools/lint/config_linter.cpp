@@ -11,6 +11,7 @@
 
 #include "kiv_sensor_factory.h"
 #include "kiv_types.h"
+#include "input_file.h"
 #include "tool_cli.h"
 
 namespace kivhal {
@@ -91,6 +92,7 @@ private:
 };
 
 std::vector<lint_finding> linter::run(const std::string& path) {
+    check_input_file(path, input_kind::regular_file, kMaxConfigFileSize);
     read_file(path);  // unreadable files are a usage error, not a finding
     tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
     if (document.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
@@ -369,10 +371,10 @@ void linter::check_exercise_data_types(const XMLElement& exercise, bool auto_sta
 // Discovery looks up only the sensor types of data types; an exercise on any
 // other sensor type never counts as available.
 void linter::check_exercise_sensor_types() {
+    // Plain names, not a structured binding: C++17 lambdas cannot capture one.
     for (const auto& entry : _stop_pause_sensor_types) {
-        // Named copies: C++17 lambdas cannot capture structured bindings.
-        const auto& element = entry.first;
-        const auto& sensor_type = entry.second;
+        const XMLElement* element = entry.first;
+        const std::string& sensor_type = entry.second;
         const bool looked_up =
             std::any_of(_data_types.begin(), _data_types.end(),
                         [&](const auto& row) { return row.second.sensor_type == sensor_type; });

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "sensorstore_partition.h"
+#include "input_file.h"
 #include "tool_cli.h"
 
 namespace kivhal {
@@ -32,6 +33,8 @@ const char* status_text(sensorstore_record_status status) {
 }  // namespace
 
 std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* image_size) {
+    const uint64_t file_size =
+        check_input_file(path, input_kind::regular_file_or_block_device);
     std::ifstream in(path, std::ios::binary);
     if (!in) throw usage_error("cannot read " + path);
     std::vector<uint8_t> bytes(SNS_SENSORSTORE_HDR_LEN);
@@ -40,7 +43,9 @@ std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* ima
     if (have == SNS_SENSORSTORE_HDR_LEN) {
         // A partition is far larger than what the core wrote; read only that.
         const uint32_t data_len = load_le32(bytes.data());
-        bytes.resize(std::max<size_t>(data_len, SNS_SENSORSTORE_HDR_LEN));
+        // data_len is the image's word: never size the buffer past the file.
+        const uint64_t wanted = std::min<uint64_t>(data_len, file_size);
+        bytes.resize(std::max<size_t>(static_cast<size_t>(wanted), SNS_SENSORSTORE_HDR_LEN));
         in.read(reinterpret_cast<char*>(bytes.data() + have),
                 static_cast<std::streamsize>(bytes.size() - have));
         have += static_cast<size_t>(in.gcount());
