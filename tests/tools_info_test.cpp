@@ -44,9 +44,34 @@ TEST_F(InfoTest, HelpAndBadArgumentsExitWithOneLine) {
                         {{"--root", root.path(), "--log-level", "loud"},
                          {"--root", root.path(), "--wat"},
                          {"--root", root.path(), "--config", "/missing.xml"}});
+}
+
+TEST_F(InfoTest, RuntimeErrorsSayWhatHappenedAndWhatToDo) {
+    // No simulator: the node really tried, the system's text, the usual fix;
+    // the library's own error lines come before it.
     const tool_result no_core = info({"--channel", "nobody_listens"});
     EXPECT_EQ(2, no_core.exit_code);
-    EXPECT_TRUE(contains(no_core.err, "kivhal-info: cannot open channel \"nobody_listens\"")) << no_core.err;
+    EXPECT_EQ("kivhal-info: cannot open channel \"nobody_listens\" at " +
+                  root.host_path("/dev/ductopkt_vorla_nobody_listens") +
+                  ": No such file or directory; is kivhal-coresim serving this root?",
+              last_line(no_core.err));
+
+    // A configuration the parser rejects stops the run before it connects:
+    // no simulator runs, yet the only line is about the file.
+    root.write_file("/bad.xml", "<configuration type=\"x\">\n  <datatypes>\n  <datatype\n");
+    const std::string bad = root.host_path("/bad.xml");
+    const tool_result rejected = info({}, bad);
+    EXPECT_EQ(2, rejected.exit_code);
+    EXPECT_EQ("kivhal-info: configuration " + bad + " rejected (line 3: not well-formed XML "
+              "(XML_ERROR_PARSING_ELEMENT): the parser rejects the whole file); run kivhal-lint " +
+                  bad + " for every problem\n",
+              rejected.err);
+    // One the parser would hang on is refused the same way.
+    root.write_file("/hang.xml", "<configuration type=\"x\"><datatypes>\n"
+                                 "<datatype type=\"a\" data_type_value=\"0x1\"/></datatypes></configuration>\n");
+    const tool_result hang = info({}, root.host_path("/hang.xml"));
+    EXPECT_EQ(2, hang.exit_code);
+    EXPECT_TRUE(contains(hang.err, "rejected (line 2: <datatype> without \"sensor_type\"")) << hang.err;
 }
 
 TEST_F(InfoTest, FirstBootReportsSensorsAttributesAndEveryQuery) {

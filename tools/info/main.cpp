@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +19,7 @@
 #include "tool_cli.h"
 
 #ifndef __ANDROID__
+#include "config_linter.h"
 #include "kivhal/host.h"
 #include "kivhal/platform.h"
 #endif
@@ -27,6 +30,7 @@ using namespace kivhal::tools;
 
 constexpr char kTool[] = "kivhal-info";
 constexpr int kExitNothingFound = 1;
+constexpr char kDevNodePrefix[] = "/dev/ductopkt_vorla_";
 constexpr char kConfigPath[] = "/vendor/etc/sensors/oem_config.xml";
 constexpr char kListPath[] = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
 constexpr const char* kWakeLockFiles[] = {"/sys/power/wake_lock", "/sys/power/wake_unlock"};
@@ -36,7 +40,8 @@ Connects to the sensor core like the HAL service, runs discovery and prints
 every sensor type with its SUIDs and attributes, then the answer of every
 capability query. Progress goes to standard error while discovery waits.
 Exit status: 0 when discovery found at least one sensor, 1 when it found
-none, 2 on bad arguments or when the channel cannot be opened.
+none, 2 on bad arguments, when the channel cannot be opened or when the
+parser would reject the configuration.
 
   --channel NAME     channel name, /dev/ductopkt_vorla_NAME (default: sensors)
   --json             print JSON instead of tables
@@ -47,7 +52,9 @@ Host only (the device has its own filesystem and properties):
   --root DIR         device root (sets KIVHAL_ROOT); it gets the persist and
                      sysfs paths the library expects if they are missing
   --config FILE      copy FILE to <root>/vendor/etc/sensors/oem_config.xml;
-                     without it the file already there is read
+                     without it the file already there is read. A file the
+                     parser rejects (or hangs on) stops the run before
+                     discovery: check it with kivhal-lint FILE
   --first-boot       remove the persisted sensor list first
   --property N=V     set a system property (repeatable); low-power messages
                      need persist.vendor.kiv.ds=true, the sensor store also
@@ -112,6 +119,17 @@ info_options parse_options(int argc, char** argv, bool& help) {
 }
 
 #ifndef __ANDROID__
+// A file the parser rejects would make discovery skip every lookup and end in
+// a "nothing found" report that hides the cause; one it hangs on, never end.
+void refuse_rejected_config(const std::string& path) {
+    for (const lint_finding& finding : lint_config(path)) {
+        if (!finding.fatal) continue;
+        throw tool_error("configuration " + path + " rejected (line " +
+                         std::to_string(finding.line) + ": " + finding.message +
+                         "); run kivhal-lint " + path + " for every problem");
+    }
+}
+
 // Makes the root look like the device's filesystem where the library expects
 // files it never creates itself.
 void prepare_host_root(const info_options& options) {
@@ -127,6 +145,7 @@ void prepare_host_root(const info_options& options) {
     std::error_code error;
     if (!options.config.empty()) {
         read_file(options.config);  // a clear error for an unreadable file
+        refuse_rejected_config(options.config);
         fs::create_directories(host(kConfigPath).parent_path());
         fs::copy_file(options.config, host(kConfigPath), fs::copy_options::overwrite_existing, error);
         if (error) throw usage_error("cannot copy " + options.config + ": " + error.message());
@@ -140,6 +159,45 @@ void prepare_host_root(const info_options& options) {
     for (const auto& [name, value] : options.properties) kivhal::host::set_property(name, value);
 }
 #endif
+
+// The code at the end of the connection's error text, "... (<code>)": the
+// negated errno of the failed open.
+int error_code_of(const std::string& text) {
+    const size_t open = text.rfind(" (");
+    if (open == std::string::npos || text.back() != ')') return 0;
+    return atoi(text.c_str() + open + 2);
+}
+
+std::string likely_fix(int error) {
+#ifdef __ANDROID__
+    if (error == ENOENT) return "; is the sensor core's channel driver loaded?";
+    if (error == EACCES || error == EPERM) return "; check the node's owner and SELinux label";
+#else
+    if (error == ENOENT || error == ECONNREFUSED) return "; is kivhal-coresim serving this root?";
+    if (error == EACCES || error == EPERM) return "; check the node's permissions";
+#endif
+    return "";
+}
+
+// The device node the connection opens; on a host, under the root.
+std::string node_path(const std::string& channel) {
+#ifdef __ANDROID__
+    return kDevNodePrefix + channel;
+#else
+    return kivhal::platform::resolve_path(kDevNodePrefix + channel);
+#endif
+}
+
+// The connection reports the node as written and its errno negated; say
+// which node was really tried, the system's text for the error and what
+// usually fixes it.
+tool_error channel_failure(const std::string& channel, const std::exception& e) {
+    const std::string node = node_path(channel);
+    const int error = -error_code_of(e.what());
+    if (error <= 0) return tool_error("cannot open channel \"" + channel + "\" at " + node + ": " + e.what());
+    return tool_error("cannot open channel \"" + channel + "\" at " + node + ": " +
+                      strerror(error) + likely_fix(error));
+}
 
 int run(int argc, char** argv) {
     bool help = false;
@@ -168,7 +226,7 @@ int run(int argc, char** argv) {
                 conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {options.channel.c_str()}));
             } catch (const std::exception& e) {
                 monitor.stop();
-                throw usage_error("cannot open channel \"" + options.channel + "\": " + e.what());
+                throw channel_failure(options.channel, e);
             }
             factory.startDiscovery(conn.get());
             // The connection goes first: no callback may run while the
