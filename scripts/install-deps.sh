@@ -9,6 +9,8 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
+  android-libbase-dev
+  libxml2-utils
 )
 
 missing=()
