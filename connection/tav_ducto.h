@@ -39,6 +39,7 @@ public:
     int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
                     tav_event_cb event_cb) override;
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
+    void dump(int fd) override;
 
     // Channel I/O.
     void ducto_connect(std::string channel_name);

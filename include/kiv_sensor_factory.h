@@ -83,6 +83,12 @@ public:
     bool getSensorAvailabilityStatus(std::string sensorType);
     std::vector<DataType> getAllDatatypes(std::string sensorType);
 
+    // Writes discovery's outcome and the catalogue's sizes to `fd` as text,
+    // for bug reports. Like the queries, meant for after startDiscovery; what
+    // the reader thread writes is copied under its lock, nothing is held
+    // while writing.
+    void dump(int fd);
+
     // Process-wide discovery state.
     static tav_interface* tavInterface;
 
@@ -105,6 +111,11 @@ public:
     std::ifstream listReader;
 
 private:
+    // When the last startDiscovery began and ended (steady clock, ns; 0 while
+    // it has not), for dump().
+    int64_t discoveryStartNs = 0;
+    int64_t discoveryEndNs = 0;
+
     // Discovery steps that read state the reader thread writes, under its lock.
     bool wait_for_registry_answer();
     bool registry_is_up();

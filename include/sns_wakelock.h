@@ -19,6 +19,13 @@ public:
     void put_all();
     void wait_for_held();
 
+    // The reference count and whether the kernel lock is held, read together.
+    struct state {
+        uint32_t count;
+        bool held;
+    };
+    state get_state();
+
     ~sns_wakelock();
 
     sns_wakelock(const sns_wakelock&) = delete;

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "test_support.h"
@@ -115,11 +116,46 @@ TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
     EXPECT_FALSE(contains(result.err, "kivhal-info: "));
 }
 
+TEST_F(InfoTest, DumpShowsTheConnectionAndTheFactoryAfterDiscovery) {
+    root.write_file(kListPath,
+                    "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\n"
+                    "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
+                    "stress_detect\nsleep_state\nexercise_detect\n");
+    // Session 0 leaves its low-power state soon after the connection.
+    start_sim({"--silent", "spo2", "--low-power", "100:off"});
+    const tool_result result =
+        info({"--dump", "--quiet", "--property", "persist.vendor.kiv.ds=true"});
+    ASSERT_EQ(0, result.exit_code) << result.err;
+    const std::string& out = result.out;
+    const size_t factory = out.find("\nSensor factory (kiv_sensor_factory)\n");
+    EXPECT_NE(std::string::npos, factory) << out;
+    EXPECT_EQ(0u, out.find("Connection (tav_ducto 0x")) << out;
+    for (const char* text : {
+             // Discovery disabled every lookup: nothing stays registered.
+             "  registered sensors: 0 (client request ids 0 in use, 255 free)\n",
+             "  low-power sessions: 1, aggregate off\n    session 0: off\n",
+             "  boot: later (persisted sensor list read)\n",
+             "  discovery: took 1.",
+             "s, SUID wait 1000 ms\n",
+             "  registry: up\n",
+             "  mandatory sensors: 12 listed, 12 found this boot, all found: yes\n",
+             "  sensor types: 13, 12 found\n",
+             "    spo2: not found\n",
+             "  attributes: 12 sensors answered, 0 pending\n",
+             // The example: 13 data types, 11 of them with 12 goals, 5 exercises.
+             "  catalogue: 13 data types (11 with goals, 12 goals), 5 exercises\n"}) {
+        EXPECT_NE(std::string::npos, out.find(text)) << "missing: " << text << "\n" << out;
+    }
+    EXPECT_TRUE(std::regex_search(
+        out, std::regex("\n    heart_rate: [0-9a-f]{16}:[0-9a-f]{16}, attributes received\n")))
+        << out;
+    EXPECT_FALSE(contains(out, "Supported metrics")) << "the dump replaces the report";
+}
+
 TEST_F(InfoTest, ExitStatusSaysNothingWasFound) {
-    // The registry answers, but a configuration without data types stops discovery.
-    root.write_file("/cfg.xml", "<configuration type=\"x\"/>\n");
+    // The registry answers, but the device has no configuration to parse.
     start_sim();
-    const tool_result result = info({}, root.host_path("/cfg.xml"));
+    const tool_result result = run_program(kInfo, {"--root", root.path()});
     EXPECT_EQ(1, result.exit_code) << result.err;
     EXPECT_TRUE(contains(result.err, "discovery found nothing"));
 }

@@ -2,6 +2,7 @@
 // discovery and prints what the core and the OEM configuration offer.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -45,6 +46,8 @@ parser would reject the configuration.
 
   --channel NAME     channel name, /dev/ductopkt_vorla_NAME (default: sensors)
   --json             print JSON instead of tables
+  --dump             print the state dumps of the connection (taken before it
+                     closes) and of the factory instead of the report
   --log-level LEVEL  print the library's log lines at LEVEL and above:
                      silent, error, info, debug, verbose (default: error)
   --quiet            no progress lines
@@ -65,6 +68,7 @@ Host only (the device has its own filesystem and properties):
 struct info_options {
     std::string channel = "sensors";
     bool json = false;
+    bool dump = false;
     bool progress = true;
     kiv_log::log_level log_level = kiv_log::ERROR;
     std::string root, config;
@@ -94,6 +98,8 @@ info_options parse_options(int argc, char** argv, bool& help) {
             if (options.channel.empty()) throw usage_error("option --channel needs a name");
         } else if (arg == "--json") {
             options.json = true;
+        } else if (arg == "--dump") {
+            options.dump = true;
         } else if (arg == "--quiet") {
             options.progress = false;
         } else if (arg == "--log-level") {
@@ -199,6 +205,13 @@ tool_error channel_failure(const std::string& channel, const std::exception& e) 
                       strerror(error) + likely_fix(error));
 }
 
+// Dumps write to the descriptor: what stdio holds must go out first.
+template <typename Dumpable>
+void dump_to_stdout(Dumpable& dumpable) {
+    fflush(stdout);
+    dumpable.dump(STDOUT_FILENO);
+}
+
 int run(int argc, char** argv) {
     bool help = false;
     const info_options options = parse_options(argc, argv, help);
@@ -229,6 +242,7 @@ int run(int argc, char** argv) {
                 throw channel_failure(options.channel, e);
             }
             factory.startDiscovery(conn.get());
+            if (options.dump) dump_to_stdout(*conn);
             // The connection goes first: no callback may run while the
             // queries read what discovery stored.
         }
@@ -241,7 +255,12 @@ int run(int argc, char** argv) {
             fprintf(stderr, "kivhal-info: %5.1f s  discovery %s\n", seconds,
                     found ? "finished" : "found nothing");
         }
+        if (options.dump) {
+            fputs("\n", stdout);
+            dump_to_stdout(factory);
+        }
     }
+    if (options.dump) return found ? 0 : kExitNothingFound;
     report.channel = options.channel;
     if (options.json) {
         print_json(report, stdout);
