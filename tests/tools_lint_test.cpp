@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "oem_config_fixtures.h"
 #include "test_support.h"
 #include "tool_process.h"
 
@@ -83,13 +84,7 @@ TEST(LintTest, ReportsEveryMistakeAtItsLine) {
 }
 
 TEST(LintTest, WarningsAloneExitZero) {
-    expect_lint(R"(<configuration type="KIV_oem_datatype"><datatypes>
-    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/></datatypes><goals>
-    <goal data_type_value="0x1"><threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal></goals><autoExerciseType>
-    <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
-  </autoExerciseType></configuration>
-)", 0, "0 errors, 3 warnings", {{2, "warning: unknown attribute \"colour\""},
+    expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings", {{2, "warning: unknown attribute \"colour\""},
         {3, "warning: threshold type \"integer\" is read as \"int\""},
         {5, "warning: sensor type \"exercise\" is no data type's"}});
 }
