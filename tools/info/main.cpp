@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -198,11 +198,10 @@ std::string node_path(const std::string& channel) {
 // which node was really tried, the system's text for the error and what
 // usually fixes it.
 tool_error channel_failure(const std::string& channel, const std::exception& e) {
-    const std::string node = node_path(channel);
+    const std::string failed = "cannot open channel \"" + channel + "\" at " + node_path(channel) + ": ";
     const int error = -error_code_of(e.what());
-    if (error <= 0) return tool_error("cannot open channel \"" + channel + "\" at " + node + ": " + e.what());
-    return tool_error("cannot open channel \"" + channel + "\" at " + node + ": " +
-                      strerror(error) + likely_fix(error));
+    if (error <= 0) return tool_error(failed + e.what());
+    return tool_error(failed + strerror(error) + likely_fix(error));
 }
 
 // Dumps write to the descriptor: what stdio holds must go out first.
