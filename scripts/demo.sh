@@ -22,7 +22,7 @@ show_progress() {
     fi
 }
 
-echo "=== build (preset default: the four tools; from scratch about 4 minutes on 2 cores)"
+echo "=== build (preset default: the four tools; from scratch about 35 s on 2 cores)"
 cmake --preset default >/dev/null
 build_log=build/default/demo-build.log
 if ! cmake --build --preset default -j "$(nproc)" \
