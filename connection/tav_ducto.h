@@ -41,6 +41,8 @@ public:
     int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
                     tav_event_cb event_cb) override;
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
+    void dump(int fd) override
+        EXCLUDES(_s_ducto_read_mutex, _cb_map_mutex, _s_mutex, _suid_map_mutex, _lps_db_mutex);
 
     // Channel I/O.
     void ducto_connect(std::string channel_name) EXCLUDES(_s_ducto_read_mutex);

@@ -65,9 +65,13 @@ kiv_sensor_factory::~kiv_sensor_factory() {
 }
 
 void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
+    // The end stays 0 when the connection's exception ends discovery.
+    discoveryStartNs = steady_now_ns();
+    discoveryEndNs = 0;
     tavInterface = conn;
     if (!is_registry_up()) {
         KIV_LOGE("registry sensor not ready, not trying to get sensors list");
+        discoveryEndNs = steady_now_ns();
         return;
     }
 
@@ -84,6 +88,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
     if (!parseOEMConfig(config_path.c_str())) {
         // The list stays open: only a completed discovery closes it.
         KIV_LOGE("Error in Parsing of XML Config File");
+        discoveryEndNs = steady_now_ns();
         return;
     }
     KIV_LOGD("Parsing of XML Config File Successful");
@@ -98,6 +103,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
         retrieve_attributes();
     }
     deinit_mandatory_list_db();
+    discoveryEndNs = steady_now_ns();
 }
 
 bool kiv_sensor_factory::wait_for_registry_answer() {

@@ -94,6 +94,12 @@ public:
     bool getSensorAvailabilityStatus(std::string sensorType);
     std::vector<DataType> getAllDatatypes(std::string sensorType);
 
+    // Writes discovery's outcome and the catalogue's sizes to `fd` as text,
+    // for bug reports. Like the queries, meant for after startDiscovery; what
+    // the reader thread writes is copied under its lock, nothing is held
+    // while writing.
+    void dump(int fd) EXCLUDES(discoveryMutex, attributesMapMutex, attrMutex);
+
     // Process-wide discovery state.
     static tav_interface* tavInterface;
 
@@ -126,6 +132,11 @@ public:
     std::ifstream listReader GUARDED_BY(discoveryMutex);
 
 private:
+    // When the last startDiscovery began and ended (steady clock, ns; 0 while
+    // it has not), for dump().
+    int64_t discoveryStartNs = 0;
+    int64_t discoveryEndNs = 0;
+
     // Discovery steps that read state the reader thread writes, under its lock.
     bool wait_for_registry_answer() EXCLUDES(registryMutex);
     bool registry_is_up() EXCLUDES(registryMutex);

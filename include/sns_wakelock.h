@@ -21,6 +21,13 @@ public:
     void put_all() EXCLUDES(_mutex);
     void wait_for_held() EXCLUDES(_mutex);
 
+    // The reference count and whether the kernel lock is held, read together.
+    struct state {
+        uint32_t count;
+        bool held;
+    };
+    state get_state() EXCLUDES(_mutex);
+
     ~sns_wakelock();
 
     sns_wakelock(const sns_wakelock&) = delete;

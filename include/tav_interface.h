@@ -65,5 +65,9 @@ public:
     // Frames the encoded request and writes it; failures are thrown.
     virtual int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) = 0;
 
+    // Writes the connection's state to `fd` as text, for bug reports. Takes
+    // each lock only to copy what it shows; nothing is held while writing.
+    virtual void dump(int fd) { (void)fd; }
+
     virtual ~tav_interface() {}
 };

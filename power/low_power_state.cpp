@@ -6,6 +6,9 @@
 #include "kiv_log.h"
 #include "sns_low_power_state_handler.h"
 #include "tav_ducto.h"
+#include "tav_ducto_internal.h"
+
+using kivhal::connection::aggregate_low_power_state;
 
 namespace {
 
@@ -13,14 +16,6 @@ enum class session_update {
     updated,
     unknown_session,
 };
-
-// Every session in its low-power state (or none known) lets the device sleep.
-uint8_t aggregate_low_power_state(const std::unordered_map<uint8_t, uint8_t>& sessions) {
-    for (const auto& session : sessions) {
-        if (session.second == SNS_LOW_POWER_STATE_OFF) return SNS_LOW_POWER_STATE_OFF;
-    }
-    return SNS_LOW_POWER_STATE_ON;
-}
 
 }  // namespace
 

@@ -40,6 +40,11 @@ sns_wakelock* sns_wakelock::get_instance() {
     return _self;
 }
 
+sns_wakelock::state sns_wakelock::get_state() {
+    kivhal::lock_guard lock(_mutex);
+    return {_accu_count, _held};
+}
+
 sns_wakelock::sns_wakelock() : _accu_count(0), _lock_fd(-1), _unlock_fd(-1), _held(false) {
     _lock_fd = open_wakelock_file(kWakeLockPath);
     _unlock_fd = open_wakelock_file(kWakeUnlockPath);

@@ -11,7 +11,7 @@ packages=(
   libbenchmark-dev
   android-libutils-dev android-libcutils-dev
   android-libbase-dev clang-14
-  hidl-gen
+  hidl-gen libxml2-utils
   "$@"
 )
 

@@ -95,6 +95,33 @@ TEST(CoreSimArgumentsTest, HelpAndBadArgumentsExitWithOneLine) {
                          {"--root", root.path(), "--config", "/missing.xml"}});
 }
 
+TEST(CoreSimArgumentsTest, DefaultConfigurationAndASecondSimulatorOnTheSameRoot) {
+    scoped_root root;
+    // Without --config it reads the copy beside the program, whatever the
+    // working directory.
+    tool_process first(kSim, {"--root", root.path()});
+    ASSERT_TRUE(first.wait_for_output("serving")) << first.out();
+    EXPECT_TRUE(contains(first.out(), "with 14 sensors from " + tool("oem_config.xml"))) << first.out();
+
+    const std::string socket = root.host_path("/dev/ductopkt_vorla_sensors");
+    const tool_result second = run_program(kSim, {"--root", root.path()});
+    EXPECT_EQ(2, second.exit_code);
+    EXPECT_EQ("kivhal-coresim: " + socket + " is served by a running kivhal-coresim already; "
+              "stop it first or pass another --root or --channel\n",
+              second.err);
+    // The first one still owns the socket and serves the library.
+    EXPECT_NO_THROW(std::unique_ptr<tav_interface>(
+        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{"sensors"})));
+    EXPECT_EQ(0, first.stop(SIGTERM).exit_code);
+
+    // A socket left by a simulator that died is taken over.
+    tool_process killed(kSim, {"--root", root.path()});
+    ASSERT_TRUE(killed.wait_for_output("serving"));
+    killed.stop(SIGKILL);
+    tool_process next(kSim, {"--root", root.path()});
+    EXPECT_TRUE(next.wait_for_output("serving")) << next.stop(SIGTERM).err;
+}
+
 TEST_F(CoreSimTest, AnswersLateWithoutARegistryAndStreamsAfterARequestUntilDisabled) {
     start({"--no-registry", "--delay-ms", "300"});
     const auto sent = std::chrono::steady_clock::now();

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "test_support.h"
@@ -44,9 +45,34 @@ TEST_F(InfoTest, HelpAndBadArgumentsExitWithOneLine) {
                         {{"--root", root.path(), "--log-level", "loud"},
                          {"--root", root.path(), "--wat"},
                          {"--root", root.path(), "--config", "/missing.xml"}});
+}
+
+TEST_F(InfoTest, RuntimeErrorsSayWhatHappenedAndWhatToDo) {
+    // No simulator: the node really tried, the system's text, the usual fix;
+    // the library's own error lines come before it.
     const tool_result no_core = info({"--channel", "nobody_listens"});
     EXPECT_EQ(2, no_core.exit_code);
-    EXPECT_TRUE(contains(no_core.err, "kivhal-info: cannot open channel \"nobody_listens\"")) << no_core.err;
+    EXPECT_EQ("kivhal-info: cannot open channel \"nobody_listens\" at " +
+                  root.host_path("/dev/ductopkt_vorla_nobody_listens") +
+                  ": No such file or directory; is kivhal-coresim serving this root?",
+              last_line(no_core.err));
+
+    // A configuration the parser rejects stops the run before it connects:
+    // no simulator runs, yet the only line is about the file.
+    root.write_file("/bad.xml", "<configuration type=\"x\">\n  <datatypes>\n  <datatype\n");
+    const std::string bad = root.host_path("/bad.xml");
+    const tool_result rejected = info({}, bad);
+    EXPECT_EQ(2, rejected.exit_code);
+    EXPECT_EQ("kivhal-info: configuration " + bad + " rejected (line 3: not well-formed XML "
+              "(XML_ERROR_PARSING_ELEMENT): the parser rejects the whole file); run kivhal-lint " +
+                  bad + " for every problem\n",
+              rejected.err);
+    // One the parser would hang on is refused the same way.
+    root.write_file("/hang.xml", "<configuration type=\"x\"><datatypes>\n"
+                                 "<datatype type=\"a\" data_type_value=\"0x1\"/></datatypes></configuration>\n");
+    const tool_result hang = info({}, root.host_path("/hang.xml"));
+    EXPECT_EQ(2, hang.exit_code);
+    EXPECT_TRUE(contains(hang.err, "rejected (line 2: <datatype> without \"sensor_type\"")) << hang.err;
 }
 
 TEST_F(InfoTest, FirstBootReportsSensorsAttributesAndEveryQuery) {
@@ -90,11 +116,46 @@ TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
     EXPECT_FALSE(contains(result.err, "kivhal-info: "));
 }
 
+TEST_F(InfoTest, DumpShowsTheConnectionAndTheFactoryAfterDiscovery) {
+    root.write_file(kListPath,
+                    "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\n"
+                    "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
+                    "stress_detect\nsleep_state\nexercise_detect\n");
+    // Session 0 leaves its low-power state soon after the connection.
+    start_sim({"--silent", "spo2", "--low-power", "100:off"});
+    const tool_result result =
+        info({"--dump", "--quiet", "--property", "persist.vendor.kiv.ds=true"});
+    ASSERT_EQ(0, result.exit_code) << result.err;
+    const std::string& out = result.out;
+    const size_t factory = out.find("\nSensor factory (kiv_sensor_factory)\n");
+    EXPECT_NE(std::string::npos, factory) << out;
+    EXPECT_EQ(0u, out.find("Connection (tav_ducto 0x")) << out;
+    for (const char* text : {
+             // Discovery disabled every lookup: nothing stays registered.
+             "  registered sensors: 0 (client request ids 0 in use, 255 free)\n",
+             "  low-power sessions: 1, aggregate off\n    session 0: off\n",
+             "  boot: later (persisted sensor list read)\n",
+             "  discovery: took 1.",
+             "s, SUID wait 1000 ms\n",
+             "  registry: up\n",
+             "  mandatory sensors: 12 listed, 12 found this boot, all found: yes\n",
+             "  sensor types: 13, 12 found\n",
+             "    spo2: not found\n",
+             "  attributes: 12 sensors answered, 0 pending\n",
+             // The example: 13 data types, 11 of them with 12 goals, 5 exercises.
+             "  catalogue: 13 data types (11 with goals, 12 goals), 5 exercises\n"}) {
+        EXPECT_NE(std::string::npos, out.find(text)) << "missing: " << text << "\n" << out;
+    }
+    EXPECT_TRUE(std::regex_search(
+        out, std::regex("\n    heart_rate: [0-9a-f]{16}:[0-9a-f]{16}, attributes received\n")))
+        << out;
+    EXPECT_FALSE(contains(out, "Supported metrics")) << "the dump replaces the report";
+}
+
 TEST_F(InfoTest, ExitStatusSaysNothingWasFound) {
-    // The registry answers, but a configuration without data types stops discovery.
-    root.write_file("/cfg.xml", "<configuration type=\"x\"/>\n");
+    // The registry answers, but the device has no configuration to parse.
     start_sim();
-    const tool_result result = info({}, root.host_path("/cfg.xml"));
+    const tool_result result = run_program(kInfo, {"--root", root.path()});
     EXPECT_EQ(1, result.exit_code) << result.err;
     EXPECT_TRUE(contains(result.err, "discovery found nothing"));
 }

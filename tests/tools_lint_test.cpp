@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "oem_config_fixtures.h"
 #include "test_support.h"
 #include "tool_process.h"
 
@@ -36,8 +37,9 @@ constexpr char kBroken[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
 <configuration><datatypes><datatype sensor_type="a" type="a" data_type_value="0x3"/></datatypes></configuration>
 )";
 
-// Lints `contents` as a file; expects `exit_code` and each `file:line: text`.
-void expect_lint(const std::string& contents, int exit_code,
+// Lints `contents` as a file; expects `exit_code`, each `file:line: text` and
+// the verdict line.
+void expect_lint(const std::string& contents, int exit_code, const std::string& verdict,
                  const std::vector<std::pair<int, std::string>>& expected) {
     scoped_root root;
     root.write_file("/oem_config.xml", contents);
@@ -48,19 +50,20 @@ void expect_lint(const std::string& contents, int exit_code,
         const std::string wanted = path + ":" + std::to_string(line) + ": " + text;
         EXPECT_TRUE(contains(result.out, wanted)) << "missing: " << wanted << "\n" << result.out;
     }
-    // Nothing else: lines that are right stay unreported.
-    EXPECT_EQ(expected.size(), static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));
+    // Nothing else: lines that are right stay unreported; the verdict ends it.
+    EXPECT_EQ(expected.size() + 1, static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));
+    EXPECT_EQ(verdict, last_line(result.out));
 }
 
 TEST(LintTest, UsageExampleAndUnreadableFiles) {
     expect_usage_errors(kLint, "Usage: kivhal-lint FILE...", {{}, {"--bogus"}, {"/missing.xml"}});
     const tool_result example = run_program(kLint, {kExampleConfig});
     EXPECT_EQ(0, example.exit_code);
-    EXPECT_EQ("", example.out + example.err);
+    EXPECT_EQ("no problems found\n", example.out + example.err);
 }
 
 TEST(LintTest, ReportsEveryMistakeAtItsLine) {
-    expect_lint(kBroken, 1, {
+    expect_lint(kBroken, 1, "14 errors, 0 warnings", {
         {2, "error: <datatype> without \"type\": the parser never gets past it"},
         {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
         {4, "error: data_type_value \"0x10g0\" has non-hex digits"},
@@ -76,20 +79,14 @@ TEST(LintTest, ReportsEveryMistakeAtItsLine) {
         {16, "error: auto_start \"yes\" is not a boolean"},
         {18, "error: <configuration> holds data types but has no \"type\""},
     });
-    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1,
+    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1, "1 error, 0 warnings",
                 {{3, "error: not well-formed XML"}});
-    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1,
+    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1, "1 error, 0 warnings",
                 {{1, "error: no data type is defined"}});
 }
 
 TEST(LintTest, WarningsAloneExitZero) {
-    expect_lint(R"(<configuration type="KIV_oem_datatype"><datatypes>
-    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/></datatypes><goals>
-    <goal data_type_value="0x1"><threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal></goals><autoExerciseType>
-    <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
-  </autoExerciseType></configuration>
-)", 0, {{2, "warning: unknown attribute \"colour\""},
+    expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings", {{2, "warning: unknown attribute \"colour\""},
         {3, "warning: threshold type \"integer\" is read as \"int\""},
         {5, "warning: sensor type \"exercise\" is no data type's"}});
 }

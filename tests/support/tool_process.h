@@ -56,6 +56,13 @@ inline bool contains(const std::string& text, const std::string& needle) {
     return text.find(needle) != std::string::npos;
 }
 
+// The last line of `text`, without its newline.
+inline std::string last_line(std::string text) {
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    const size_t newline = text.rfind('\n');
+    return newline == std::string::npos ? text : text.substr(newline + 1);
+}
+
 // `--help` prints the usage; each argument list in `bad` exits 2 with one
 // line on standard error and nothing on standard output.
 inline void expect_usage_errors(const std::string& path, const std::string& usage,

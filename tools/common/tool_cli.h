@@ -19,6 +19,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Good arguments, but the run failed; the message says what happened and,
+// where it can, what to do about it. Printed without the pointer to --help.
+class tool_error : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 // Walks argv once. Options take their value either as the next argument or
 // after '=' ("--root DIR", "--root=DIR").
 class arg_reader {
@@ -47,7 +54,8 @@ uint64_t parse_number(const std::string& option, const std::string& text, uint64
 std::string read_file(const std::string& path);
 
 // Runs a tool's body: usage errors and uncaught exceptions become one line on
-// standard error ("<tool>: <message>") and exit status 2.
+// standard error ("<tool>: <message>", usage errors pointing to --help) and
+// exit status 2.
 int run_tool(const char* tool_name, const std::function<int()>& body);
 
 }  // namespace tools

@@ -1,11 +1,16 @@
 // kivhal-coresim: plays the sensor core on a host, so the library and
 // kivhal-info can run without a device.
 
+#include <android-base/unique_fd.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <sstream>
 
 #include "kivhal/platform.h"
@@ -20,17 +25,21 @@ using namespace kivhal::tools;
 constexpr char kTool[] = "kivhal-coresim";
 constexpr uint64_t kMaxMs = 3600 * 1000;
 constexpr uint64_t kMaxSession = 255;
+constexpr char kDevNodePrefix[] = "/dev/ductopkt_vorla_";
+// The build puts the example configuration beside the program.
+constexpr char kDefaultConfigName[] = "oem_config.xml";
 
 constexpr char kUsage[] = R"(Usage: kivhal-coresim [OPTION]...
 Serves $KIVHAL_ROOT/dev/ductopkt_vorla_<channel> like the sensor core until
-SIGINT or SIGTERM: answers lookups, attribute and disable requests (one
+SIGINT or SIGTERM (refused when another simulator serves it already): answers lookups, attribute and disable requests (one
 response per request, in order) and streams reports for every sensor that got
 any other request until it is disabled. It offers "registry", "health",
 "health_async_announce" and one sensor per sensor type of the configuration.
 
   --root DIR            device root to serve under (default: $KIVHAL_ROOT)
   --channel NAME        channel name (default: sensors)
-  --config FILE         OEM configuration (default: examples/oem_config.xml)
+  --config FILE         OEM configuration (default: oem_config.xml beside this
+                        program, the build's copy of examples/oem_config.xml)
   --delay-ms MS         send every answer MS milliseconds late
   --silent TYPE         never answer lookups for TYPE (repeatable)
   --no-registry         never answer lookups for "registry"
@@ -68,10 +77,35 @@ std::vector<low_power_event> parse_low_power(const std::string& list) {
     return events;
 }
 
+// Relative to the program, not the working directory, so that it runs from
+// anywhere.
+std::string default_config() {
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path beside = program.parent_path() / kDefaultConfigName;
+    if (error || !std::filesystem::is_regular_file(beside, error)) {
+        throw usage_error("no configuration: pass --config FILE (e.g. examples/oem_config.xml)");
+    }
+    return beside.string();
+}
+
+// A socket that accepts a connection belongs to a live simulator: binding a
+// new one over it would orphan that simulator and its clients. A socket left
+// by one that died refuses the connection and is replaced.
+bool is_served(const std::string& socket_path) {
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (socket_path.size() >= sizeof(addr.sun_path)) return false;
+    strcpy(addr.sun_path, socket_path.c_str());
+    android::base::unique_fd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    return probe.ok() &&
+           connect(probe.get(), reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+}
+
 int run(int argc, char** argv) {
     coresim_options options;
     std::string root = getenv("KIVHAL_ROOT") ? getenv("KIVHAL_ROOT") : "";
-    std::string config = "examples/oem_config.xml";
+    std::string config;
     arg_reader args(argc, argv);
     while (!args.done()) {
         const std::string arg = args.next();
@@ -113,6 +147,13 @@ int run(int argc, char** argv) {
     }
     if (options.channel.empty()) throw usage_error("option --channel needs a name");
     setenv("KIVHAL_ROOT", root.c_str(), 1);
+    if (config.empty()) config = default_config();
+    const std::string socket_path =
+        kivhal::platform::resolve_path(kDevNodePrefix + options.channel);
+    if (is_served(socket_path)) {
+        throw tool_error(socket_path + " is served by a running kivhal-coresim already; stop it "
+                         "first or pass another --root or --channel");
+    }
 
     options.sensor_types = {"registry", "health", "health_async_announce"};
     for (const auto& type : sensor_types_of_config(config)) options.sensor_types.push_back(type);
@@ -126,8 +167,8 @@ int run(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
     simulated_core core(options);
-    printf("%s: serving %s with %zu sensors\n", kTool, core.socket_path().c_str(),
-           core.sensor_count());
+    printf("%s: serving %s with %zu sensors from %s\n", kTool, core.socket_path().c_str(),
+           core.sensor_count(), config.c_str());
     fflush(stdout);
     int signal_number = 0;
     sigwait(&stop_signals, &signal_number);

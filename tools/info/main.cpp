@@ -2,9 +2,12 @@
 // discovery and prints what the core and the OEM configuration offer.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -17,6 +20,7 @@
 #include "tool_cli.h"
 
 #ifndef __ANDROID__
+#include "config_linter.h"
 #include "kivhal/host.h"
 #include "kivhal/platform.h"
 #endif
@@ -27,6 +31,7 @@ using namespace kivhal::tools;
 
 constexpr char kTool[] = "kivhal-info";
 constexpr int kExitNothingFound = 1;
+constexpr char kDevNodePrefix[] = "/dev/ductopkt_vorla_";
 constexpr char kConfigPath[] = "/vendor/etc/sensors/oem_config.xml";
 constexpr char kListPath[] = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
 constexpr const char* kWakeLockFiles[] = {"/sys/power/wake_lock", "/sys/power/wake_unlock"};
@@ -36,10 +41,13 @@ Connects to the sensor core like the HAL service, runs discovery and prints
 every sensor type with its SUIDs and attributes, then the answer of every
 capability query. Progress goes to standard error while discovery waits.
 Exit status: 0 when discovery found at least one sensor, 1 when it found
-none, 2 on bad arguments or when the channel cannot be opened.
+none, 2 on bad arguments, when the channel cannot be opened or when the
+parser would reject the configuration.
 
   --channel NAME     channel name, /dev/ductopkt_vorla_NAME (default: sensors)
   --json             print JSON instead of tables
+  --dump             print the state dumps of the connection (taken before it
+                     closes) and of the factory instead of the report
   --log-level LEVEL  print the library's log lines at LEVEL and above:
                      silent, error, info, debug, verbose (default: error)
   --quiet            no progress lines
@@ -47,7 +55,9 @@ Host only (the device has its own filesystem and properties):
   --root DIR         device root (sets KIVHAL_ROOT); it gets the persist and
                      sysfs paths the library expects if they are missing
   --config FILE      copy FILE to <root>/vendor/etc/sensors/oem_config.xml;
-                     without it the file already there is read
+                     without it the file already there is read. A file the
+                     parser rejects (or hangs on) stops the run before
+                     discovery: check it with kivhal-lint FILE
   --first-boot       remove the persisted sensor list first
   --property N=V     set a system property (repeatable); low-power messages
                      need persist.vendor.kiv.ds=true, the sensor store also
@@ -58,6 +68,7 @@ Host only (the device has its own filesystem and properties):
 struct info_options {
     std::string channel = "sensors";
     bool json = false;
+    bool dump = false;
     bool progress = true;
     kiv_log::log_level log_level = kiv_log::ERROR;
     std::string root, config;
@@ -87,6 +98,8 @@ info_options parse_options(int argc, char** argv, bool& help) {
             if (options.channel.empty()) throw usage_error("option --channel needs a name");
         } else if (arg == "--json") {
             options.json = true;
+        } else if (arg == "--dump") {
+            options.dump = true;
         } else if (arg == "--quiet") {
             options.progress = false;
         } else if (arg == "--log-level") {
@@ -112,6 +125,17 @@ info_options parse_options(int argc, char** argv, bool& help) {
 }
 
 #ifndef __ANDROID__
+// A file the parser rejects would make discovery skip every lookup and end in
+// a "nothing found" report that hides the cause; one it hangs on, never end.
+void refuse_rejected_config(const std::string& path) {
+    for (const lint_finding& finding : lint_config(path)) {
+        if (!finding.fatal) continue;
+        throw tool_error("configuration " + path + " rejected (line " +
+                         std::to_string(finding.line) + ": " + finding.message +
+                         "); run kivhal-lint " + path + " for every problem");
+    }
+}
+
 // Makes the root look like the device's filesystem where the library expects
 // files it never creates itself.
 void prepare_host_root(const info_options& options) {
@@ -127,6 +151,7 @@ void prepare_host_root(const info_options& options) {
     std::error_code error;
     if (!options.config.empty()) {
         read_file(options.config);  // a clear error for an unreadable file
+        refuse_rejected_config(options.config);
         fs::create_directories(host(kConfigPath).parent_path());
         fs::copy_file(options.config, host(kConfigPath), fs::copy_options::overwrite_existing, error);
         if (error) throw usage_error("cannot copy " + options.config + ": " + error.message());
@@ -140,6 +165,51 @@ void prepare_host_root(const info_options& options) {
     for (const auto& [name, value] : options.properties) kivhal::host::set_property(name, value);
 }
 #endif
+
+// The code at the end of the connection's error text, "... (<code>)": the
+// negated errno of the failed open.
+int error_code_of(const std::string& text) {
+    const size_t open = text.rfind(" (");
+    if (open == std::string::npos || text.back() != ')') return 0;
+    return atoi(text.c_str() + open + 2);
+}
+
+std::string likely_fix(int error) {
+#ifdef __ANDROID__
+    if (error == ENOENT) return "; is the sensor core's channel driver loaded?";
+    if (error == EACCES || error == EPERM) return "; check the node's owner and SELinux label";
+#else
+    if (error == ENOENT || error == ECONNREFUSED) return "; is kivhal-coresim serving this root?";
+    if (error == EACCES || error == EPERM) return "; check the node's permissions";
+#endif
+    return "";
+}
+
+// The device node the connection opens; on a host, under the root.
+std::string node_path(const std::string& channel) {
+#ifdef __ANDROID__
+    return kDevNodePrefix + channel;
+#else
+    return kivhal::platform::resolve_path(kDevNodePrefix + channel);
+#endif
+}
+
+// The connection reports the node as written and its errno negated; say
+// which node was really tried, the system's text for the error and what
+// usually fixes it.
+tool_error channel_failure(const std::string& channel, const std::exception& e) {
+    const std::string failed = "cannot open channel \"" + channel + "\" at " + node_path(channel) + ": ";
+    const int error = -error_code_of(e.what());
+    if (error <= 0) return tool_error(failed + e.what());
+    return tool_error(failed + strerror(error) + likely_fix(error));
+}
+
+// Dumps write to the descriptor: what stdio holds must go out first.
+template <typename Dumpable>
+void dump_to_stdout(Dumpable& dumpable) {
+    fflush(stdout);
+    dumpable.dump(STDOUT_FILENO);
+}
 
 int run(int argc, char** argv) {
     bool help = false;
@@ -168,9 +238,10 @@ int run(int argc, char** argv) {
                 conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {options.channel.c_str()}));
             } catch (const std::exception& e) {
                 monitor.stop();
-                throw usage_error("cannot open channel \"" + options.channel + "\": " + e.what());
+                throw channel_failure(options.channel, e);
             }
             factory.startDiscovery(conn.get());
+            if (options.dump) dump_to_stdout(*conn);
             // The connection goes first: no callback may run while the
             // queries read what discovery stored.
         }
@@ -183,7 +254,12 @@ int run(int argc, char** argv) {
             fprintf(stderr, "kivhal-info: %5.1f s  discovery %s\n", seconds,
                     found ? "finished" : "found nothing");
         }
+        if (options.dump) {
+            fputs("\n", stdout);
+            dump_to_stdout(factory);
+        }
     }
+    if (options.dump) return found ? 0 : kExitNothingFound;
     report.channel = options.channel;
     if (options.json) {
         print_json(report, stdout);

@@ -45,6 +45,12 @@ std::string upper(const char* text) {
     return out;
 }
 
+// Namespace declarations and schema hints (xsi:noNamespaceSchemaLocation)
+// are there for editors and validators; the parser never looks at them.
+bool is_for_validators(const char* name) {
+    return strncmp(name, "xmlns", strlen("xmlns")) == 0 || strncmp(name, "xsi:", strlen("xsi:")) == 0;
+}
+
 // How the parser matches a word: as a prefix of the written value.
 enum class match { none, exact, prefix };
 template <size_t N>
@@ -66,8 +72,12 @@ public:
 private:
     void error(const XMLElement* at, const std::string& message) { add(at, true, message); }
     void warning(const XMLElement* at, const std::string& message) { add(at, false, message); }
+    void fatal(const XMLElement* at, const std::string& message) {
+        add(at, true, message);
+        _findings.back().fatal = true;
+    }
     void add(const XMLElement* at, bool is_error, const std::string& message) {
-        _findings.push_back({at ? at->GetLineNum() : 1, is_error, message});
+        _findings.push_back({at ? at->GetLineNum() : 1, is_error, false, message});
     }
 
     void check_children(const XMLElement& parent, std::set<std::string> known);
@@ -96,14 +106,14 @@ std::vector<lint_finding> linter::run(const std::string& path) {
     read_file(path);  // unreadable files are a usage error, not a finding
     tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
     if (document.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
-        _findings.push_back({document.ErrorLineNum(), true,
+        _findings.push_back({document.ErrorLineNum(), true, true,
                              std::string("not well-formed XML (") + document.ErrorName() +
                                  "): the parser rejects the whole file"});
         return _findings;
     }
     const XMLElement* configuration = document.FirstChildElement("configuration");
     if (configuration == nullptr) {
-        error(document.RootElement(), "no <configuration> element: the parser rejects the file");
+        fatal(document.RootElement(), "no <configuration> element: the parser rejects the file");
         return _findings;
     }
     for (const XMLElement* e = document.FirstChildElement(); e; e = e->NextSiblingElement()) {
@@ -139,7 +149,7 @@ void linter::check_children(const XMLElement& parent, std::set<std::string> know
 
 void linter::check_attributes(const XMLElement& element, std::set<std::string> known) {
     for (const auto* a = element.FirstAttribute(); a; a = a->Next()) {
-        if (known.count(a->Name()) == 0) {
+        if (known.count(a->Name()) == 0 && !is_for_validators(a->Name())) {
             warning(&element, "unknown attribute \"" + std::string(a->Name()) + "\" of <" +
                                   element.Name() + "> is ignored");
         }
@@ -150,11 +160,12 @@ void linter::check_attributes(const XMLElement& element, std::set<std::string> k
 std::optional<int32_t> linter::data_type_value(const XMLElement& element) {
     const char* text = element.Attribute("data_type_value");
     if (text == nullptr) {
-        error(&element, "<" + std::string(element.Name()) + "> without \"data_type_value\"");
+        fatal(&element, "<" + std::string(element.Name()) +
+                            "> without \"data_type_value\": the parser aborts");
         return std::nullopt;
     }
     if (strlen(text) <= kHexPrefixLen) {
-        error(&element, "data_type_value " + quoted(text) +
+        fatal(&element, "data_type_value " + quoted(text) +
                             " has no digits after its two-character prefix: the parser aborts");
         return std::nullopt;
     }
@@ -177,7 +188,7 @@ void linter::check_configuration(const XMLElement& configuration, bool last) {
     const XMLElement* datatypes = configuration.FirstChildElement("datatypes");
     const XMLElement* first = datatypes ? datatypes->FirstChildElement("datatype") : nullptr;
     if (first == nullptr && last && _data_types.empty()) {
-        error(&configuration,
+        fatal(&configuration,
               "no data type is defined before the last <configuration> ends: the parse fails");
         return;
     }
@@ -200,7 +211,7 @@ void linter::check_data_types(const XMLElement& datatypes) {
         const char* type = entry->Attribute("type");
         for (const char* missing : {sensor_type ? nullptr : "sensor_type", type ? nullptr : "type"}) {
             if (missing) {
-                error(entry, std::string("<datatype> without \"") + missing +
+                fatal(entry, std::string("<datatype> without \"") + missing +
                                  "\": the parser never gets past it");
             }
         }

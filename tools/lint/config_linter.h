@@ -13,6 +13,8 @@ namespace tools {
 struct lint_finding {
     int line = 0;
     bool error = true;
+    // The parser rejects the file, hangs or aborts on it: discovery never runs.
+    bool fatal = false;
     std::string message;
 };
 
