@@ -1,5 +1,6 @@
 #include "tool_process.h"
 
+#include <elf.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -31,6 +32,14 @@ std::string make_temp_file() {
     return path;
 }
 
+// Only the cross-built programs go through the emulator; host programs the
+// tests use (xmllint) run directly.
+bool is_arm_program(const std::string& path) {
+    Elf32_Ehdr header{};
+    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof(header));
+    return memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EM_ARM;
+}
+
 std::string slurp(const std::string& path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
@@ -43,7 +52,7 @@ tool_process::tool_process(const std::string& path, const std::vector<std::strin
     : _out_path(make_temp_file()), _err_path(make_temp_file()) {
     std::vector<std::string> storage;
     const char* emulator = getenv(kEmulatorEnv);
-    if (emulator != nullptr && *emulator != '\0') storage.emplace_back(emulator);
+    if (emulator != nullptr && *emulator != '\0' && is_arm_program(path)) storage.emplace_back(emulator);
     storage.push_back(path);
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char*> argv;
