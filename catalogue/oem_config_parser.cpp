@@ -90,11 +90,13 @@ bool bool_attribute(const XMLElement& element, const char* name) {
     return value;
 }
 
+// The helpers below log for the parse (`op`), whose work they do.
+
 // Reads the threshold value by its type; false when the type is unknown.
-bool read_threshold_value(const XMLElement& threshold, kt::DataTypeGoal* goal) {
+bool read_threshold_value(const XMLElement& threshold, kt::DataTypeGoal* goal, kiv_log_op op) {
     const char* type = threshold.Attribute("type");
     if (type == nullptr) {
-        KIV_LOGE("threshold without type");
+        KIV_LOGE_FOR(op, "threshold without type");
         return false;
     }
     if (has_prefix(type, kIntThreshold)) {
@@ -111,7 +113,7 @@ bool read_threshold_value(const XMLElement& threshold, kt::DataTypeGoal* goal) {
     if (has_prefix(type, kByteThreshold)) {
         const char* text = threshold.Attribute("type_value");
         if (text == nullptr) {
-            KIV_LOGE("byte threshold without type_value");
+            KIV_LOGE_FOR(op, "byte threshold without type_value");
             return false;
         }
         const size_t length = strlen(text);
@@ -122,10 +124,10 @@ bool read_threshold_value(const XMLElement& threshold, kt::DataTypeGoal* goal) {
     return false;
 }
 
-bool read_comparison(const XMLElement& threshold, uint32_t* comparison) {
+bool read_comparison(const XMLElement& threshold, uint32_t* comparison, kiv_log_op op) {
     const char* text = threshold.Attribute("comparison_type");
     if (text == nullptr) {
-        KIV_LOGE("threshold without comparison_type");
+        KIV_LOGE_FOR(op, "threshold without comparison_type");
         return false;
     }
     if (has_prefix(text, kGreaterOrEqual)) {
@@ -153,8 +155,10 @@ void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const ch
 
 void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
                      const char* configurationType,
-                     std::unordered_set<std::string>* sensorTypesFound) {
-    if (configurationType == nullptr) KIV_LOGE("configuration with datatypes but without type");
+                     std::unordered_set<std::string>* sensorTypesFound, kiv_log_op op) {
+    if (configurationType == nullptr) {
+        KIV_LOGE_FOR(op, "configuration with datatypes but without type");
+    }
     while (entry != nullptr) {
         const char* sensorType = entry->Attribute("sensor_type");
         const char* typeName = entry->Attribute("type");
@@ -180,39 +184,41 @@ size_t threshold_count(const XMLElement& goalElement) {
     return count;
 }
 
-void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInfo* row) {
+void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInfo* row,
+                kiv_log_op op) {
     // One allocation per row rather than one per doubling.
     row->goals.reserve(row->goals.size() + threshold_count(goalElement));
     for (const XMLElement* threshold = goalElement.FirstChildElement("threshold");
          threshold != nullptr; threshold = threshold->NextSiblingElement("threshold")) {
         kt::DataTypeGoal goal{};
         goal.dataType = key;
-        const bool typed = read_threshold_value(*threshold, &goal);
-        if (!read_comparison(*threshold, &goal.comparisonType) || !typed) continue;
+        const bool typed = read_threshold_value(*threshold, &goal, op);
+        if (!read_comparison(*threshold, &goal.comparisonType, op) || !typed) continue;
         row->goals.push_back(goal);
         row->goalSupported = true;
     }
 }
 
 // Goals may refer only to data types defined so far.
-void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals) {
+void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals, kiv_log_op op) {
     for (const XMLElement* goal = goals.FirstChildElement("goal"); goal != nullptr;
          goal = goal->NextSiblingElement("goal")) {
         const auto key =
                 static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
         auto row = kt::dataTypeMap.find(key);
         if (row == kt::dataTypeMap.end()) continue;
-        parse_goal(key, *goal, &row->second);
+        parse_goal(key, *goal, &row->second, op);
     }
 }
 
 // Reads the exercise's own fields; false when it must be skipped.
-bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo* exercise) {
+bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo* exercise,
+                   kiv_log_op op) {
     const char* type = element.Attribute("type");
     if (type == nullptr) return false;
     const char* sensorType = element.Attribute("sensor_type");
     if (sensorType == nullptr) {
-        KIV_LOGE("exercisetype %s without sensor_type", type);
+        KIV_LOGE_FOR(op, "exercisetype %s without sensor_type", type);
         return false;
     }
     exercise->typeName = to_upper(type);
@@ -232,18 +238,23 @@ bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo*
 // valid while the element's exercises are read.
 class rows_by_type_name {
 public:
-    template <typename Visit>
-    void for_each_row_named(const std::string& typeName, Visit visit) {
-        if (!_built) build();
-        auto rows = std::equal_range(_rows.begin(), _rows.end(), row_ref{typeName, {}}, by_name);
-        for (auto row = rows.first; row != rows.second; ++row) visit(row->key);
-    }
-
-private:
     struct row_ref {
         std::string_view name;
         kt::DataType key;
     };
+    struct range {
+        std::vector<row_ref>::const_iterator first, last;
+        std::vector<row_ref>::const_iterator begin() const { return first; }
+        std::vector<row_ref>::const_iterator end() const { return last; }
+    };
+
+    range rows_named(const std::string& typeName) {
+        if (!_built) build();
+        auto rows = std::equal_range(_rows.cbegin(), _rows.cend(), row_ref{typeName, {}}, by_name);
+        return range{rows.first, rows.second};
+    }
+
+private:
     static bool by_name(const row_ref& a, const row_ref& b) { return a.name < b.name; }
 
     // One sorted array: a stable sort keeps the table's order among equal names.
@@ -282,12 +293,12 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
         if (firstDatatype == nullptr && next == nullptr && kt::dataTypeMap.empty()) return false;
         if (firstDatatype != nullptr) {
             parse_datatypes(*this, firstDatatype, configuration->Attribute("type"),
-                            &sensorTypesFound);
+                            &sensorTypesFound, KIV_LOG_OP);
         }
 
         KIV_LOGD("Parsing Goals");
         const XMLElement* goals = configuration->FirstChildElement("goals");
-        if (goals != nullptr) parse_goals(*this, *goals);
+        if (goals != nullptr) parse_goals(*this, *goals, KIV_LOG_OP);
 
         KIV_LOGD("Parsing AutoExercise Elements");
         const XMLElement* autoExercise = configuration->FirstChildElement("autoExerciseType");
@@ -297,7 +308,7 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                  element != nullptr; element = element->NextSiblingElement("exercisetype")) {
                 int32_t number = 0;
                 kt::exerTypeInfo exercise;
-                if (!read_exercise(*element, &number, &exercise)) continue;
+                if (!read_exercise(*element, &number, &exercise, KIV_LOG_OP)) continue;
                 KIV_LOGD("exerNum = %d, autoStart = %d, autoStop = %d, autoPause = %d", number,
                          exercise.autoStart, exercise.autoStop, exercise.autoPause);
                 if (exercise.autoStart) {
@@ -306,10 +317,10 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                         const char* name = datatype->Attribute("type");
                         if (name == nullptr) continue;
                         const std::string upper = to_upper(name);
-                        index.for_each_row_named(upper, [&](DataType key) {
+                        for (const auto& row : index.rows_named(upper)) {
                             KIV_LOGD("Adding DataType %s to autoStartList", upper.c_str());
-                            exercise.autoStartDataTypes.push_back(key);
-                        });
+                            exercise.autoStartDataTypes.push_back(row.key);
+                        }
                     }
                 }
                 KIV_LOGD("Adding exercise %d in exerMap", number);

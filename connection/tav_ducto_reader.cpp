@@ -31,47 +31,48 @@ uint32_t report_payload_len(const sns_ducto_packet& packet) {
 }
 
 // A report must hold its length field and the whole payload it announces.
-bool report_within_read(const sns_ducto_packet& packet, int bytes_read) {
+bool report_within_read(const sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
     if (static_cast<size_t>(bytes_read) < SNS_DUCTO_IND_PAYLOAD_OFFSET) {
-        KIV_LOGE("TAV_DUCTO_int report of %d bytes is too short, dropped", bytes_read);
+        KIV_LOGE_FOR(op, "TAV_DUCTO_int report of %d bytes is too short, dropped", bytes_read);
         return false;
     }
     const uint32_t payload_len = report_payload_len(packet);
     if (payload_len > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET) {
-        KIV_LOGE("TAV_DUCTO_int report payload len %u runs past the %d bytes read, dropped",
-                 payload_len, bytes_read);
+        KIV_LOGE_FOR(op, "TAV_DUCTO_int report payload len %u runs past the %d bytes read, dropped",
+                     payload_len, bytes_read);
         return false;
     }
     return true;
 }
 
-void dispatch(tav_ducto* conn, sns_ducto_packet& packet, int bytes_read) {
+// One inbound packet, on the reader thread's behalf (`op`).
+void dispatch(tav_ducto* conn, sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
     const uint16_t msg_id = packet.msg_id;
-    KIV_LOGD("TAV_DUCTO_int msg_id %d", msg_id);
+    KIV_LOGD_FOR(op, "TAV_DUCTO_int msg_id %d", msg_id);
     switch (msg_id) {
         case SNS_AON_CLIENT_RESP_V01:
-            KIV_LOGD("TAV_DUCTO_int received SNS_AON_CLIENT_RESP_V01");
+            KIV_LOGD_FOR(op, "TAV_DUCTO_int received SNS_AON_CLIENT_RESP_V01");
             conn->ducto_response_handler(
                 reinterpret_cast<sns_aon_client_resp_msg_v01*>(packet.body));
             break;
         case SNS_AON_CLIENT_REPORT_IND_V01:
-            KIV_LOGD("TAV_DUCTO_int received SNS_AON_CLIENT_REPORT_IND_V01");
-            if (report_within_read(packet, bytes_read)) conn->ducto_indication_handler(msg_id, packet);
+            KIV_LOGD_FOR(op, "TAV_DUCTO_int received SNS_AON_CLIENT_REPORT_IND_V01");
+            if (report_within_read(packet, bytes_read, op)) conn->ducto_indication_handler(msg_id, packet);
             break;
         case SNS_AON_CLIENT_JUMBO_REPORT_IND_V01:
-            KIV_LOGD("TAV_DUCTO_int received SNS_AON_CLIENT_JUMBO_REPORT_IND_V01");
-            if (report_within_read(packet, bytes_read)) conn->ducto_indication_handler(msg_id, packet);
+            KIV_LOGD_FOR(op, "TAV_DUCTO_int received SNS_AON_CLIENT_JUMBO_REPORT_IND_V01");
+            if (report_within_read(packet, bytes_read, op)) conn->ducto_indication_handler(msg_id, packet);
             break;
         case SNS_AON_CLIENT_INFO_RESP_V01:
-            KIV_LOGD("TAV_DUCTO_int SNS_AON_CLIENT_INFO_RESP_V01 is received");
+            KIV_LOGD_FOR(op, "TAV_DUCTO_int SNS_AON_CLIENT_INFO_RESP_V01 is received");
             break;
         case SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01:
-            KIV_LOGD("TAV_DUCTO SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01 is received");
+            KIV_LOGD_FOR(op, "TAV_DUCTO SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01 is received");
             conn->tav_handle_low_power_state_msg(
                 reinterpret_cast<sns_aon_client_low_pwr_state_ind_msg_v01*>(packet.body));
             break;
         default:
-            KIV_LOGE("TAV_DUCTO_int invalid msg id");
+            KIV_LOGE_FOR(op, "TAV_DUCTO_int invalid msg id");
             break;
     }
 }
@@ -118,7 +119,7 @@ void tav_ducto::ducto_thread_routine(tav_ducto* conn) {
                     continue;
                 }
             } else {
-                dispatch(conn, packet, n);
+                dispatch(conn, packet, n, KIV_LOG_OP);
             }
         } else if (fds[kChannelEntry].revents & POLLHUP) {
             KIV_LOGE("TAV_DUCTO_int POLLHUP event is received, AON CLIENT SSR occured");

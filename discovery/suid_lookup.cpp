@@ -22,10 +22,11 @@ sensor_uid to_sensor_uid(const sns_std_suid& suid) {
 }
 
 // The connection hands over whole messages; a length protobuf cannot take is
-// not one of them.
-bool parse_event_msg(const uint8_t* data, uint32_t length, sns_client_event_msg& msg) {
+// not one of them. Logged for the handler `op`.
+bool parse_event_msg(const uint8_t* data, uint32_t length, sns_client_event_msg& msg,
+                     kiv_log_op op) {
     if (length > static_cast<uint32_t>(INT_MAX) || (data == nullptr && length != 0)) {
-        KIV_LOGE("dropping event message of length %u", length);
+        KIV_LOGE_FOR(op, "dropping event message of length %u", length);
         return false;
     }
     msg.ParseFromArray(data, static_cast<int>(length));
@@ -61,7 +62,7 @@ void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t 
                                                   uint64_t /*timestamp*/) {
     kivhal::pthread_lock(&registryMutex);
     sns_client_event_msg msg;
-    if (parse_event_msg(data, length, msg)) {
+    if (parse_event_msg(data, length, msg, KIV_LOG_OP)) {
         for (const auto& event : msg.eventlist()) {
             if (event.msg_id() != kivhal::msg::LOOKUP_EVENT) {
                 KIV_LOGE("invalid event msg_id=%d", event.msg_id());
@@ -84,7 +85,7 @@ void kiv_sensor_factory::registry_lookup_callback(const uint8_t* data, uint32_t 
 void kiv_sensor_factory::default_suids_lookup_callback(const uint8_t* data, uint32_t length,
                                                        uint64_t /*timestamp*/) {
     sns_client_event_msg msg;
-    if (!parse_event_msg(data, length, msg) || msg.eventlist_size() == 0) {
+    if (!parse_event_msg(data, length, msg, KIV_LOG_OP) || msg.eventlist_size() == 0) {
         return;
     }
     for (const auto& event : msg.eventlist()) {

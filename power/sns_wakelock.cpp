@@ -19,12 +19,13 @@ namespace {
 constexpr char kWakeLockPath[] = "/sys/power/wake_lock";
 constexpr char kWakeUnlockPath[] = "/sys/power/wake_unlock";
 
-int open_wakelock_file(const char* path) {
+// Both files' failures are the constructor's (`op`) lines, from one statement.
+int open_wakelock_file(const char* path, kiv_log_op op) {
     const std::string resolved = kivhal::platform::resolve_path(path);
     int fd = open(resolved.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         // The missing kernel files only make every acquire and release log.
-        KIV_LOGE("fatal error opening \"%s\": %s\n", path, strerror(errno));
+        KIV_LOGE_FOR(op, "fatal error opening \"%s\": %s\n", path, strerror(errno));
     }
     return fd;
 }
@@ -46,8 +47,8 @@ sns_wakelock::state sns_wakelock::get_state() {
 }
 
 sns_wakelock::sns_wakelock() : _accu_count(0), _lock_fd(-1), _unlock_fd(-1), _held(false) {
-    _lock_fd = open_wakelock_file(kWakeLockPath);
-    _unlock_fd = open_wakelock_file(kWakeUnlockPath);
+    _lock_fd = open_wakelock_file(kWakeLockPath, KIV_LOG_OP);
+    _unlock_fd = open_wakelock_file(kWakeUnlockPath, KIV_LOG_OP);
 }
 
 sns_wakelock::~sns_wakelock() {
