@@ -43,12 +43,12 @@ TEST_F(connection_test, OpenErrorsOtherThanTimeOutsFailAtOnce) {
     EXPECT_TRUE(log_contains("failed with errno = 6"));  // descriptor 0 is never accepted
     // A 0 that comes with a time-out is retried like any time-out.
     host::set_channel_hooks({failing(host::real_open_node, ETIMEDOUT, 1, 0), nullptr, nullptr, nullptr});
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     EXPECT_TRUE(log_contains("retries count =  1"));
 }
 
 TEST_F(connection_test, WritesAreRetriedAHundredTimesAndReadsThreeTimes) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EBUSY, 2), nullptr});
     send(kAccel, 512);
@@ -101,7 +101,7 @@ TEST_F(connection_test, ReaderSurvivesAnErrorStreakAndAStrayWakeUpByte) {
         return host::real_poll_nodes(fds, nfds, timeout);
     };
     host::set_channel_hooks(hooks);
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     core->send_event(core_stub::make_event(kAccel, 1, "after errors"));
     ASSERT_TRUE(accel.wait_for(1));
@@ -123,7 +123,7 @@ TEST_F(connection_test, HangUpEndsTheProcessWithStatusOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            connect();
+            ASSERT_NO_FATAL_FAILURE(connect());
             core->close_connection();
             std::this_thread::sleep_for(std::chrono::seconds(5));
         },

@@ -31,7 +31,7 @@ std::vector<uint8_t> request_packet(uint8_t session, uint8_t client_id, uint8_t 
 }
 
 TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendingRequest) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     // Nothing pending: dropped. Packets are handled in order, so once the
@@ -62,7 +62,7 @@ TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendi
 }
 
 TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Success (0)",
               thrown_by([&] { send(kAccel, kLookup); }));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
@@ -84,7 +84,7 @@ TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
 }
 
 TEST_F(connection_test, FreedIdIsReusedOnlyAfterEveryNeverUsedIdAndTheTwoHundredFiftySixthIsRefused) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     core->set_auto_respond(true);
     auto id_of_next_request = [&](sensor_uid suid) {
         const size_t count = core->request_count() + 1;
@@ -110,7 +110,7 @@ TEST_F(connection_test, EveryWriteHoldsTheWakeLockAndQueriesTraceTagsOnlyWhenTra
     const std::string name("KIVHAL_WAKEUP\0", 14);
     for (const bool tracing : {false, true}) {
         host::set_property("persist.vendor.debug.kiv.trace", tracing ? "true" : "false");
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
         const std::string locked = root.read_file("/sys/power/wake_lock");
         const std::string unlocked = root.read_file("/sys/power/wake_unlock");
@@ -133,7 +133,7 @@ TEST(connection_basics, ErrorTextIsCutAndOnlyTheDuctoTypeYieldsAConnection) {
 }
 
 TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     const std::string small = core_stub::make_event(kGyro, kDataEvent, "sample");
@@ -169,7 +169,7 @@ TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
 }
 
 TEST_F(connection_test, NoCallbackStartsOnceTheDestructorHasBegun) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     std::atomic<bool> release{false}, sending{true};
     std::atomic<int> calls{0};
     ASSERT_EQ(0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {

@@ -64,7 +64,7 @@ TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListInAnswerOrderAndAttributesPe
     core.add_sensor_type("health", {kHealth}, milliseconds(200));
     core.add_sensor_type("heart_rate", {kHeartRate, kHeartRateRaw});
     core.set_attributes(kHeartRateRaw, stream_type(3));
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
     EXPECT_EQ(root.read_file(kListPath), "heart_rate\nhealth\n");
     EXPECT_EQ(factory.suidMap.at("heart_rate"), (std::vector<sensor_uid>{kHeartRate, kHeartRateRaw}));
@@ -78,7 +78,7 @@ TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
     core.add_sensor_type("health", {kHealth});
     // Answered only after the fixed wait, while the mandatory wait re-sends it.
     core.add_sensor_type("heart_rate", {kHeartRate}, milliseconds(3000));
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
     EXPECT_TRUE(log_contains("re-sending request for heart_rate"));
     EXPECT_TRUE(allMandatoryFound.load());
@@ -91,7 +91,7 @@ TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
 // schedule is checked on virtual time in the driver tests.
 TEST_F(DiscoveryEndToEndTest, SlowSilentRegistryGivesUpAfterEightyLookups) {
     core.add_silent_sensor_type("registry");
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
     const auto requests = core.requests();
     ASSERT_EQ(requests.size(), 81u);

@@ -26,7 +26,7 @@ protected:
     }
     // A connection whose table holds sessions 3 and 5.
     void connect_with_sessions() {
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
         send(kAccel, 513, 3);
         send(kAccel, 513, 5);
@@ -45,7 +45,7 @@ protected:
 };
 
 TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsTheWakeLock) {
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     ASSERT_TRUE(send_state(kOff, 5));
     ASSERT_TRUE(eventually([] { return log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(0)"); }));
     EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG: getService FAILED: received null"));
@@ -63,7 +63,7 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
 
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOff) {
     auto service = fake_power_state_service::register_default();
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     handle(kOff, 9);  // unknown session: not added, nothing else happens
     const auto errors = log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id");
     ASSERT_EQ(1u, errors.size());
@@ -91,7 +91,7 @@ TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOff) {
 TEST_F(low_power_test, SensorStoreSwitchedOffDropsEveryMessage) {
     host::set_property("persist.vendor.kiv.ds", "false");
     auto service = fake_power_state_service::register_default();
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     for (uint8_t id : {0, 1, 2}) handle(id, 5);
     const auto errors = log_lines_containing("TAV_DUCTO_int DS is not supported");
     ASSERT_EQ(3u, errors.size());

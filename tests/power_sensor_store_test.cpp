@@ -47,7 +47,7 @@ protected:
         host::set_property("persist.vendor.kiv.ds", "true");
         host::set_property("persist.vendor.kiv.ds_oda", "true");
         sensorstore_image().write(root);
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
     }
     // Stores `image` after the connect-time reset, so the pass's own reset shows.
