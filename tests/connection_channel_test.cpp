@@ -27,7 +27,7 @@ TEST_F(connection_test, OpenThatKeepsTimingOutFailsAfterThreeSeconds) {
     const auto elapsed = steady_clock::now() - start;
     EXPECT_GE(elapsed, milliseconds(2900));
     EXPECT_LT(elapsed, milliseconds(4500));
-    EXPECT_EQ(3u, log_lines_containing("ducto channel open timeout").size());
+    EXPECT_EQ(3u, log_lines_containing("ducto channel open timeout", ANDROID_LOG_ERROR).size());
 }
 
 TEST_F(connection_test, OpenErrorsOtherThanTimeOutsFailAtOnce) {
@@ -40,11 +40,11 @@ TEST_F(connection_test, OpenErrorsOtherThanTimeOutsFailAtOnce) {
     host::set_channel_hooks({failing(host::real_open_node, ENXIO, INT_MAX, 0), nullptr, nullptr, nullptr});
     EXPECT_EQ("TAV_DUCTO_ERROR TAV_DUCTO_int open failed : Unknown error -6 (-6)",
               create_error_text());
-    EXPECT_TRUE(log_contains("failed with errno = 6"));  // descriptor 0 is never accepted
+    EXPECT_TRUE(log_contains("failed with errno = 6", ANDROID_LOG_ERROR));  // descriptor 0 is never accepted
     // A 0 that comes with a time-out is retried like any time-out.
     host::set_channel_hooks({failing(host::real_open_node, ETIMEDOUT, 1, 0), nullptr, nullptr, nullptr});
     ASSERT_NO_FATAL_FAILURE(connect());
-    EXPECT_TRUE(log_contains("retries count =  1"));
+    EXPECT_TRUE(log_contains("retries count =  1", ANDROID_LOG_ERROR));
 }
 
 TEST_F(connection_test, WritesAreRetriedAHundredTimesAndReadsThreeTimes) {
@@ -54,14 +54,14 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesAndReadsThreeTimes) {
     send(kAccel, 512);
     ASSERT_TRUE(core->wait_for_requests(1, kWait));
     EXPECT_EQ(kPacketLen, core->requests()[0].raw.size());
-    EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 2"));
+    EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 2", ANDROID_LOG_INFO));
     core->send_response({});
     ASSERT_TRUE(accel.wait_responses(1));
 
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EAGAIN), nullptr});
     EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Unknown error -11 (-11)",
               thrown_by([&] { send(kAccel, 512); }));
-    EXPECT_EQ(100u, log_lines_containing("write failed with errno = 11").size());
+    EXPECT_EQ(100u, log_lines_containing("write failed with errno = 11", ANDROID_LOG_ERROR).size());
 
     // The failed request left nothing pending: the next answer is the next request's.
     host::clear_channel_hooks();
@@ -87,7 +87,7 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesAndReadsThreeTimes) {
 
     EXPECT_EQ(0, ducto()->ducto_read(3, packet.data(), 0));
     EXPECT_EQ(-EAGAIN, ducto()->ducto_read(3, packet.data(), 64));
-    EXPECT_EQ(3u, log_lines_containing("read EAGAIN has occured on fd = 3").size());
+    EXPECT_EQ(3u, log_lines_containing("read EAGAIN has occured on fd = 3", ANDROID_LOG_ERROR).size());
     conn.reset();  // the hooks refer to this scope
 }
 
@@ -105,8 +105,8 @@ TEST_F(connection_test, ReaderSurvivesAnErrorStreakAndAStrayWakeUpByte) {
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     core->send_event(core_stub::make_event(kAccel, 1, "after errors"));
     ASSERT_TRUE(accel.wait_for(1));
-    EXPECT_EQ(1u, log_lines_containing("triggred ssr").size());
-    EXPECT_TRUE(log_contains("triggred ssr g_ducto_err_cnt = 12"));
+    EXPECT_EQ(1u, log_lines_containing("triggred ssr", ANDROID_LOG_DEBUG).size());
+    EXPECT_TRUE(log_contains("triggred ssr g_ducto_err_cnt = 12", ANDROID_LOG_DEBUG));
 
     // Opened through /proc, the pipe's read end yields a second write end.
     const std::string pipe_path = "/proc/self/fd/" + std::to_string(pipe_read_end);

@@ -164,8 +164,8 @@ TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
         EXPECT_GE(event.timestamp, before);
         EXPECT_LE(event.timestamp, after);
     }
-    EXPECT_EQ(4u, log_lines_containing(", dropped").size());
-    EXPECT_EQ(1u, log_lines_containing("larger than the buffer").size());
+    EXPECT_EQ(4u, log_lines_containing(", dropped", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(1u, log_lines_containing("larger than the buffer", ANDROID_LOG_ERROR).size());
 }
 
 TEST_F(connection_test, NoCallbackStartsOnceTheDestructorHasBegun) {

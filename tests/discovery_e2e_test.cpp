@@ -80,7 +80,7 @@ TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
     core.add_sensor_type("heart_rate", {kHeartRate}, milliseconds(3000));
     ASSERT_NO_FATAL_FAILURE(discover());
 
-    EXPECT_TRUE(log_contains("re-sending request for heart_rate"));
+    EXPECT_TRUE(log_contains("re-sending request for heart_rate", ANDROID_LOG_DEBUG));
     EXPECT_TRUE(allMandatoryFound.load());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
     EXPECT_EQ(stream_type_of(kHealth), 1);
@@ -97,7 +97,7 @@ TEST_F(DiscoveryEndToEndTest, SlowSilentRegistryGivesUpAfterEightyLookups) {
     ASSERT_EQ(requests.size(), 81u);
     for (size_t i = 0; i < 80; i++) EXPECT_EQ(requests[i].request.msg_id(), 512u) << i;
     EXPECT_EQ(requests.back().request.msg_id(), 10u);
-    EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')"));
+    EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_FALSE(log_contains("Starting Parsing of XML Config File"));
 }

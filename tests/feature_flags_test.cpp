@@ -102,14 +102,14 @@ TEST_F(FeatureFlagsTest, SupportLinesMarkOffForSensorStoreAndOnForAonAndTrace) {
     tav_ducto::check_kiv_trace_support_flag();
 
     using kivhal::test::log_contains;
-    EXPECT_TRUE(log_contains(", ds: falsely"));
-    EXPECT_TRUE(log_contains(", support_ds : falsely"));
-    EXPECT_TRUE(log_contains(", ds_oda: no"));
-    EXPECT_TRUE(log_contains(", support_ds_oda : no"));
-    EXPECT_TRUE(log_contains(", aon_prop: 1"));
-    EXPECT_TRUE(log_contains(", support_aon_presence: 1"));
-    EXPECT_TRUE(log_contains(", trace_debug: true"));
-    EXPECT_TRUE(log_contains(", support_trace_debug : true"));
+    EXPECT_TRUE(log_contains(", ds: falsely", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_ds : falsely", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", ds_oda: no", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_ds_oda : no", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", aon_prop: 1", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_aon_presence: 1", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", trace_debug: true", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_trace_debug : true", ANDROID_LOG_INFO));
     kiv_log::set_level(kiv_log::INFO);
 }
 

@@ -155,9 +155,10 @@ TEST_F(CoreSimTest, LowPowerScheduleAndWriteInfoFromItsImage) {
     ASSERT_NO_FATAL_FAILURE(start({"--low-power", "100:off,300:on", "--write-info", "500"}));
     lookup("health");  // puts session 0 in the library's session table
     std::this_thread::sleep_for(milliseconds(1200));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)")) << sim->out();
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)"));
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)",
+                             ANDROID_LOG_DEBUG)) << sim->out();
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull", ANDROID_LOG_DEBUG));
     EXPECT_EQ(1u, read_sensorstore_header(root).reset_data_len);
     // The image it wrote is one the inspector reads cleanly.
     const tool_result dump = run_program(tool("kivhal-sensorstore"), {"dump", root.host_path(kSensorStorePartition)});
