@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kivhal/host.h"
 #include "kiv_log.h"
@@ -127,6 +128,32 @@ TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
     wl->put_n_locks(1);
     EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock",
                                                  ANDROID_LOG_ERROR).size(), 2u);
+}
+
+TEST_F(WakelockTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {
+    create_kernel_files();
+    // Errors only: the log's own lock would order the threads and hide a race.
+    kiv_log::set_level(kiv_log::ERROR);
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    constexpr int kThreads = 4, kRounds = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([wl] {
+            for (int round = 0; round < kRounds; ++round) {
+                wl->get_n_locks(1);
+                wl->put_n_locks(1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const sns_wakelock::state state = wl->get_state();
+    EXPECT_EQ(0u, state.count);
+    EXPECT_FALSE(state.held);
+    EXPECT_TRUE(kivhal::host::captured_log().empty());
+    // Every kernel lock was matched by an unlock.
+    EXPECT_FALSE(locks().empty());
+    EXPECT_EQ(locks().size(), unlocks().size());
 }
 
 }  // namespace
