@@ -75,6 +75,12 @@ protected:
     }
     static const kt::dataTypeInfo& row(int32_t value) { return kt::dataTypeMap.at(dt(value)); }
     static const kt::exerTypeInfo& exercise(int32_t number) { return kt::exerTypeMap.at(ex(number)); }
+    // For death tests: the line logged before the abort also goes to stderr,
+    // where the parent can match it.
+    int32_t hex_to_dec_logging_to_stderr(const char* text) {
+        kiv_log::set_stderr_logging(true);
+        return factory.hexStrToDec(text);
+    }
 
     kivhal::test::scoped_root root;
     kiv_sensor_factory factory;
@@ -103,9 +109,12 @@ TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbo
     for (const auto& [text, value] : cases) EXPECT_EQ(factory.hexStrToDec(text.c_str()), value) << text;
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto aborted = ::testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT(factory.hexStrToDec("0x"), aborted, "");
-    EXPECT_EXIT(factory.hexStrToDec("0"), aborted, "");
-    EXPECT_EXIT(factory.hexStrToDec(nullptr), aborted, "");
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr("0x"), aborted,
+                "hexStrToDec:[0-9]+, no hexadecimal digits in '0x'\n");
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr("0"), aborted,
+                "hexStrToDec:[0-9]+, no hexadecimal digits in '0'\n");
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr(nullptr), aborted,
+                "hexStrToDec:[0-9]+, missing hexadecimal value\n");
 }
 
 TEST_F(CatalogueTest, LookupsReadRowsAndInsertEmptyOnesForUnknownKeys) {
@@ -287,8 +296,13 @@ TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValue
     EXPECT_TRUE(parse("<configuration/>"));
 
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // a data type without a value is not guarded
-    EXPECT_EXIT(parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/>
-                         </datatypes></configuration>)"), ::testing::KilledBySignal(SIGABRT), "");
+    EXPECT_EXIT(
+        {
+            kiv_log::set_stderr_logging(true);
+            parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/>
+                     </datatypes></configuration>)");
+        },
+        ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
 }
 
 // "steps" and "heart" have attributes ("heart" through two sensors); "silent"
