@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -74,6 +75,12 @@ protected:
     }
     static const kt::dataTypeInfo& row(int32_t value) { return kt::dataTypeMap.at(dt(value)); }
     static const kt::exerTypeInfo& exercise(int32_t number) { return kt::exerTypeMap.at(ex(number)); }
+    // For death tests: the line logged before the abort also goes to stderr,
+    // where the parent can match it.
+    int32_t hex_to_dec_logging_to_stderr(const char* text) {
+        kiv_log::set_stderr_logging(true);
+        return factory.hexStrToDec(text);
+    }
 
     kivhal::test::scoped_root root;
     kiv_sensor_factory factory;
@@ -101,9 +108,13 @@ TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbo
         {"0x" + std::string(400, '0') + "1", 1}};
     for (const auto& [text, value] : cases) EXPECT_EQ(factory.hexStrToDec(text.c_str()), value) << text;
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(factory.hexStrToDec("0x"), "");
-    EXPECT_DEATH(factory.hexStrToDec("0"), "");
-    EXPECT_DEATH(factory.hexStrToDec(nullptr), "");
+    const auto aborted = ::testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr("0x"), aborted,
+                "hexStrToDec:[0-9]+, no hexadecimal digits in '0x'\n");
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr("0"), aborted,
+                "hexStrToDec:[0-9]+, no hexadecimal digits in '0'\n");
+    EXPECT_EXIT(hex_to_dec_logging_to_stderr(nullptr), aborted,
+                "hexStrToDec:[0-9]+, missing hexadecimal value\n");
 }
 
 TEST_F(CatalogueTest, LookupsReadRowsAndInsertEmptyOnesForUnknownKeys) {
@@ -262,13 +273,14 @@ TEST_F(CatalogueTest, AutoStartKeysFollowTheTableOrderOfTheirElement) {
     ASSERT_TRUE(parse(element(0, 60, 1) + element(60, 30, 2)));
     EXPECT_EQ(exercise(1).autoStartDataTypes, first_keys);
     EXPECT_EQ(exercise(2).autoStartDataTypes, keys_named("STEP"));
-    EXPECT_EQ(log_lines_containing("Adding DataType STEP to autoStartList").size(), 40u + 60u);
+    EXPECT_EQ(log_lines_containing("Adding DataType STEP to autoStartList",
+                                   ANDROID_LOG_DEBUG).size(), 40u + 60u);
 }
 
 TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValueAborts) {
     EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));
-    EXPECT_EQ(log_lines_containing("XML Config File Not Opened").size(), 2u);
+    EXPECT_EQ(log_lines_containing("XML Config File Not Opened", ANDROID_LOG_ERROR).size(), 2u);
     kivhal::host::clear_captured_log();
     EXPECT_FALSE(parse("<config><datatypes/></config>"));
     EXPECT_EQ(kivhal::host::captured_log().size(), 1u);  // only "Opened"
@@ -278,14 +290,19 @@ TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValue
   <exercisetype type="w" sensor_type="s" exercise_num="1"/></autoExerciseType></configuration>
   <configuration><datatypes/></configuration>)"));
     EXPECT_EQ(kt::exerTypeMap.size(), 1u);
-    EXPECT_EQ(log_lines_containing("Parsing Goals").size(), 1u);
+    EXPECT_EQ(log_lines_containing("Parsing Goals", ANDROID_LOG_DEBUG).size(), 1u);
     EXPECT_EQ(factory.discoveryList.size(), 2u);
     kt::dataTypeMap[dt(1)] = kt::dataTypeInfo{};
     EXPECT_TRUE(parse("<configuration/>"));
 
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // a data type without a value is not guarded
-    EXPECT_DEATH(parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/>
-                          </datatypes></configuration>)"), "");
+    EXPECT_EXIT(
+        {
+            kiv_log::set_stderr_logging(true);
+            parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/>
+                     </datatypes></configuration>)");
+        },
+        ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
 }
 
 // "steps" and "heart" have attributes ("heart" through two sensors); "silent"
@@ -325,7 +342,7 @@ TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
     EXPECT_THAT(factory.listAvailableSensorTypes(), UnorderedElementsAre("steps", "heart"));
     EXPECT_THAT(factory.getSupportedMetricsTypes(),
                 UnorderedElementsAre(dt(0x1000), dt(0x1001), dt(0x10000), dt(0x5001)));
-    EXPECT_TRUE(log_contains(", steps : 4096"));
+    EXPECT_TRUE(log_contains(", steps : 4096", ANDROID_LOG_DEBUG));
 
     EXPECT_FALSE(factory.getSensorAvailabilityStatus("heart"));
     EXPECT_THAT(factory.getAllDatatypes("heart"), IsEmpty());
@@ -347,10 +364,12 @@ TEST_F(CatalogueQueriesTest, SupportedGoalsOfAvailableSensorsWithTheirLogLines) 
             EXPECT_EQ(g.threshold.bytesValue, row(0x10000).goals[0].threshold.bytesValue);  // shared
         }
     }
-    EXPECT_TRUE(log_contains("Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0"));
-    EXPECT_TRUE(log_contains("Sensor = heart, DataType = 4097, Threshold = 1.500000, Comparison Type = 1"));
-    EXPECT_TRUE(log_contains("Sensor = heart, DataType = 65536, Comparison Type = 1"));
-    const auto bytes = log_lines_containing("byteArrayThreshold[");
+    EXPECT_TRUE(log_contains("Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0",
+                             ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("Sensor = heart, DataType = 4097, Threshold = 1.500000, Comparison Type = 1",
+                             ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("Sensor = heart, DataType = 65536, Comparison Type = 1", ANDROID_LOG_DEBUG));
+    const auto bytes = log_lines_containing("byteArrayThreshold[", ANDROID_LOG_DEBUG);
     ASSERT_EQ(bytes.size(), 3u);  // "A" and the two bytes of U+00FF
     EXPECT_THAT(bytes[0].text, EndsWith("byteArrayThreshold[0] = 65"));
     EXPECT_THAT(bytes[2].text, EndsWith("byteArrayThreshold[2] = 191"));
@@ -374,7 +393,7 @@ TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparison) {
     EXPECT_FALSE(log_contains("Goal not supported"));
 
     EXPECT_FALSE(factory.isGoalSupported(goal(0x1009, kLe, 1)));
-    EXPECT_TRUE(log_contains("Goal not supported for datatype 4105"));
+    EXPECT_TRUE(log_contains("Goal not supported for datatype 4105", ANDROID_LOG_ERROR));
     EXPECT_TRUE(row(0x1009).sensorType.empty());
     EXPECT_EQ(factory.getSupportedMetricsTypes().size(), 4u);
 }
@@ -387,7 +406,7 @@ TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailabil
     EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(0x1000), dt(0x1001))),
                                    Pair(ex(2), IsEmpty())));
     EXPECT_THAT(factory.getAutoStopList(), ElementsAre(ex(1)));
-    EXPECT_TRUE(log_contains(", ONE : 1"));
+    EXPECT_TRUE(log_contains(", ONE : 1", ANDROID_LOG_DEBUG));
     EXPECT_THAT(factory.getAutoPauseList(), UnorderedElementsAre(ex(1), ex(3)));
 }
 

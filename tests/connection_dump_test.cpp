@@ -42,7 +42,7 @@ protected:
     void SetUp() override {
         connection_test::SetUp();
         host::set_property("persist.vendor.kiv.ds", "true");
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
         ASSERT_EQ(0, register_sensor(kGyro, gyro));
     }

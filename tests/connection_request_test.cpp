@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "connection_test_fixture.h"
+#include "sns_wakelock.h"
 
 namespace kivhal {
 namespace test {
@@ -31,7 +32,7 @@ std::vector<uint8_t> request_packet(uint8_t session, uint8_t client_id, uint8_t 
 }
 
 TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendingRequest) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     // Nothing pending: dropped. Packets are handled in order, so once the
@@ -62,7 +63,7 @@ TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendi
 }
 
 TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     EXPECT_EQ("TAV_DUCTO_ERROR ducto_write failed : Success (0)",
               thrown_by([&] { send(kAccel, kLookup); }));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
@@ -84,7 +85,7 @@ TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
 }
 
 TEST_F(connection_test, FreedIdIsReusedOnlyAfterEveryNeverUsedIdAndTheTwoHundredFiftySixthIsRefused) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     core->set_auto_respond(true);
     auto id_of_next_request = [&](sensor_uid suid) {
         const size_t count = core->request_count() + 1;
@@ -110,7 +111,7 @@ TEST_F(connection_test, EveryWriteHoldsTheWakeLockAndQueriesTraceTagsOnlyWhenTra
     const std::string name("KIVHAL_WAKEUP\0", 14);
     for (const bool tracing : {false, true}) {
         host::set_property("persist.vendor.debug.kiv.trace", tracing ? "true" : "false");
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
         const std::string locked = root.read_file("/sys/power/wake_lock");
         const std::string unlocked = root.read_file("/sys/power/wake_unlock");
@@ -133,7 +134,7 @@ TEST(connection_basics, ErrorTextIsCutAndOnlyTheDuctoTypeYieldsAConnection) {
 }
 
 TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     const std::string small = core_stub::make_event(kGyro, kDataEvent, "sample");
@@ -164,12 +165,52 @@ TEST_F(connection_test, ReportsReachTheNamedSensorAndMalformedOnesAreDropped) {
         EXPECT_GE(event.timestamp, before);
         EXPECT_LE(event.timestamp, after);
     }
-    EXPECT_EQ(4u, log_lines_containing(", dropped").size());
-    EXPECT_EQ(1u, log_lines_containing("larger than the buffer").size());
+    EXPECT_EQ(4u, log_lines_containing(", dropped", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(1u, log_lines_containing("larger than the buffer", ANDROID_LOG_ERROR).size());
+}
+
+TEST_F(connection_test, ReportPayloadMayEndAtTheLastByteReadButNotOnePastIt) {
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_EQ(0, register_sensor(kAccel, accel));
+    const std::string event = core_stub::make_event(kAccel, kDataEvent, "edge");
+    const auto exact_len = static_cast<uint32_t>(event.size());
+    // Dispatch keeps packet order: once the second is delivered, the first was judged.
+    ASSERT_TRUE(core->send_packet(core_stub::make_report_with_length(event, exact_len + 1)));
+    ASSERT_TRUE(core->send_packet(core_stub::make_report_with_length(event, exact_len)));
+    ASSERT_TRUE(accel.wait_for(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(1u, accel.events().size());
+    EXPECT_EQ(event, accel.events()[0].payload);
+    EXPECT_EQ(1u, log_lines_containing("runs past the", ANDROID_LOG_ERROR).size());
+}
+
+TEST_F(connection_test, ReportHoldsTheWakeLockOnlyWhileItsCallbackRuns) {
+    const std::string name("KIVHAL_WAKEUP\0", 14);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    sns_wakelock* wakelock = sns_wakelock::get_instance();
+    std::atomic<int> calls{0};
+    std::atomic<uint32_t> count_in_callback{0};
+    std::atomic<bool> held_in_callback{false};
+    ASSERT_EQ(0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
+        const sns_wakelock::state state = wakelock->get_state();
+        count_in_callback = state.count;
+        held_in_callback = state.held;
+        ++calls;
+    }));
+    const std::string unlocked = root.read_file("/sys/power/wake_unlock");
+
+    ASSERT_TRUE(core->send_packet(core_stub::make_report(core_stub::make_event(kAccel, kDataEvent, "r"))));
+    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    EXPECT_EQ(1u, count_in_callback);
+    EXPECT_TRUE(held_in_callback);
+    // The reference is given back after the callback returns, on the reader thread.
+    EXPECT_TRUE(eventually([&] { return wakelock->get_state().count == 0; }));
+    EXPECT_FALSE(wakelock->get_state().held);
+    EXPECT_EQ(unlocked + name, root.read_file("/sys/power/wake_unlock"));
 }
 
 TEST_F(connection_test, NoCallbackStartsOnceTheDestructorHasBegun) {
-    connect();
+    ASSERT_NO_FATAL_FAILURE(connect());
     std::atomic<bool> release{false}, sending{true};
     std::atomic<int> calls{0};
     ASSERT_EQ(0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {

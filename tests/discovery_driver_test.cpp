@@ -163,8 +163,9 @@ TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
     EXPECT_EQ(requests.back().msg_id(), kDisable);
     const auto pauses = repeated({1000 * kMs, 250 * kMs}, 80) + std::vector<int64_t>{100 * kMs};
     EXPECT_EQ(clock.pauses(), pauses);
-    EXPECT_TRUE(log_contains("registry_sensor unavailable even after '100.000000secs' of serviceup(no of repeats:'80')"));
-    EXPECT_TRUE(log_contains("registry sensor not ready, not trying to get sensors list"));
+    EXPECT_TRUE(log_contains("registry_sensor unavailable even after '100.000000secs' of serviceup(no of repeats:'80')",
+                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_contains("registry sensor not ready, not trying to get sensors list", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_FALSE(log_contains("Starting Parsing of XML Config File"));
 }
@@ -202,8 +203,8 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
     EXPECT_TRUE(requests[6].suid == requests[8].suid && requests[7].suid == requests[9].suid);
     EXPECT_NE(requests[6].suid, requests[7].suid);
 
-    EXPECT_TRUE(log_contains("(no of repeats:'0') "));
-    EXPECT_TRUE(log_contains("waiting for suids for 1s ..."));
+    EXPECT_TRUE(log_contains("(no of repeats:'0') ", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains("waiting for suids for 1s ...", ANDROID_LOG_INFO));
     EXPECT_FALSE(log_contains("some mandatory sensors not available yet"));
     EXPECT_EQ(factory.attributesMap.size(), 2u);
     EXPECT_FALSE(factory.listWriter.is_open());
@@ -215,7 +216,7 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
 TEST_F(DiscoveryDriverTest, ParseFailureLeavesTheListOpenAndConnectionErrorsPropagate) {
     root.write_file(kConfigPath, "<configuration");
     discover();
-    EXPECT_TRUE(log_contains("Error in Parsing of XML Config File"));
+    EXPECT_TRUE(log_contains("Error in Parsing of XML Config File", ANDROID_LOG_ERROR));
     EXPECT_EQ(core.requests().size(), 2u);
     EXPECT_TRUE(factory.listWriter.is_open() && root.exists(kListPath));
 
@@ -247,8 +248,8 @@ TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
     const auto pauses = std::vector<int64_t>{1000 * kMs, 100 * kMs, 7000 * kMs} + repeated({2000 * kMs}, 8) +
                         std::vector<int64_t>{50 * kMs};
     EXPECT_EQ(clock.pauses(), pauses);
-    EXPECT_TRUE(log_contains("waiting for suids for 7s ..."));
-    EXPECT_TRUE(log_contains("sensors list is 0 after first boot "));
+    EXPECT_TRUE(log_contains("waiting for suids for 7s ...", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains("sensors list is 0 after first boot ", ANDROID_LOG_ERROR));
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "");
 }
@@ -262,10 +263,11 @@ TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
     EXPECT_TRUE(mandatoryFound.empty());
     EXPECT_EQ(mandatorySensors, std::vector<std::string>{"health"});
     EXPECT_EQ(num_mandatory_sns, 0u);
-    EXPECT_TRUE(log_contains("some mandatory sensors not available even after 8 seconds, giving up."));
-    EXPECT_TRUE(log_contains("1 missing sensor(s)"));
+    EXPECT_TRUE(log_contains("some mandatory sensors not available even after 8 seconds, giving up.",
+                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_contains("1 missing sensor(s)", ANDROID_LOG_ERROR));
     // Every pass re-sends the two names that never answered.
-    EXPECT_EQ(log_lines_containing("re-sending request for").size(), 8u * 2u);
+    EXPECT_EQ(log_lines_containing("re-sending request for", ANDROID_LOG_DEBUG).size(), 8u * 2u);
     // 1 s after the lookups, eight 1 s passes, 50 ms; attributes follow.
     const auto pauses = std::vector<int64_t>{1000 * kMs, 100 * kMs, 1000 * kMs} + repeated({1000 * kMs}, 8) +
                         std::vector<int64_t>{50 * kMs};
@@ -295,7 +297,7 @@ TEST_F(DiscoveryCallbacksTest, EveryRegistryMessageSignalsButOnlyRegistrySuidsCo
         reader.join();
         EXPECT_EQ(factory.registryUp, up);
     }
-    EXPECT_TRUE(log_contains("invalid event msg_id=769"));
+    EXPECT_TRUE(log_contains("invalid event msg_id=769", ANDROID_LOG_ERROR));
 }
 
 TEST_F(DiscoveryCallbacksTest, FirstBootRecordsEachAnsweredNameOnce) {
@@ -310,7 +312,7 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRecordsEachAnsweredNameOnce) {
     feed(core_t::make_lookup_event("accel", {{3, 3}}));
     factory.deinit_mandatory_list_db();
 
-    EXPECT_EQ(log_lines_containing("invalid event msg_id=769").size(), 1u);
+    EXPECT_EQ(log_lines_containing("invalid event msg_id=769", ANDROID_LOG_ERROR).size(), 1u);
     EXPECT_EQ(factory.suidMap["accel"], (std::vector<sensor_uid>{{3, 3}}));
     EXPECT_EQ(factory.get_suids("none"), (sensor_uid{0, 0}));
     EXPECT_NE(factory.lastSuidTime, 0);
@@ -348,7 +350,7 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRediscoveryResendsOnlyMissingNames) {
     EXPECT_EQ(requests[0].lookup.datatypename(), "health_async_announce");
     EXPECT_EQ(requests[1].lookup.datatypename(), "accel");
     EXPECT_TRUE(requests[1].lookup.lookupoption());
-    EXPECT_TRUE(log_contains("sensors found after re discover 7"));
+    EXPECT_TRUE(log_contains("sensors found after re discover 7", ANDROID_LOG_INFO));
 }
 
 TEST_F(DiscoveryCallbacksTest, AttributesAreStoredPerSensorAndAMissingAnswerTimesOut) {
@@ -358,8 +360,8 @@ TEST_F(DiscoveryCallbacksTest, AttributesAreStoredPerSensorAndAMissingAnswerTime
     factory.retrieve_attributes();
     core.stop();
 
-    EXPECT_TRUE(log_contains("timeout while waiting for attributes, pending = 1, err = 0"));
-    EXPECT_EQ(log_lines_containing("attributes to be received").size(), 100u);
+    EXPECT_TRUE(log_contains("timeout while waiting for attributes, pending = 1, err = 0", ANDROID_LOG_ERROR));
+    EXPECT_EQ(log_lines_containing("attributes to be received", ANDROID_LOG_DEBUG).size(), 100u);
     EXPECT_TRUE(factory.attributesMap.count(answered) && !factory.attributesMap.count(silent));
     EXPECT_EQ(core.requests().size(), 4u);
 

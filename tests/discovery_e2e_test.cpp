@@ -64,7 +64,7 @@ TEST_F(DiscoveryEndToEndTest, FirstBootWritesTheListInAnswerOrderAndAttributesPe
     core.add_sensor_type("health", {kHealth}, milliseconds(200));
     core.add_sensor_type("heart_rate", {kHeartRate, kHeartRateRaw});
     core.set_attributes(kHeartRateRaw, stream_type(3));
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
     EXPECT_EQ(root.read_file(kListPath), "heart_rate\nhealth\n");
     EXPECT_EQ(factory.suidMap.at("heart_rate"), (std::vector<sensor_uid>{kHeartRate, kHeartRateRaw}));
@@ -78,9 +78,9 @@ TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
     core.add_sensor_type("health", {kHealth});
     // Answered only after the fixed wait, while the mandatory wait re-sends it.
     core.add_sensor_type("heart_rate", {kHeartRate}, milliseconds(3000));
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
-    EXPECT_TRUE(log_contains("re-sending request for heart_rate"));
+    EXPECT_TRUE(log_contains("re-sending request for heart_rate", ANDROID_LOG_DEBUG));
     EXPECT_TRUE(allMandatoryFound.load());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
     EXPECT_EQ(stream_type_of(kHealth), 1);
@@ -91,13 +91,13 @@ TEST_F(DiscoveryEndToEndTest, LaterBootWaitsForTheListedSensors) {
 // schedule is checked on virtual time in the driver tests.
 TEST_F(DiscoveryEndToEndTest, SlowSilentRegistryGivesUpAfterEightyLookups) {
     core.add_silent_sensor_type("registry");
-    discover();
+    ASSERT_NO_FATAL_FAILURE(discover());
 
     const auto requests = core.requests();
     ASSERT_EQ(requests.size(), 81u);
     for (size_t i = 0; i < 80; i++) EXPECT_EQ(requests[i].request.msg_id(), 512u) << i;
     EXPECT_EQ(requests.back().request.msg_id(), 10u);
-    EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')"));
+    EXPECT_TRUE(log_contains("of serviceup(no of repeats:'80')", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_FALSE(log_contains("Starting Parsing of XML Config File"));
 }

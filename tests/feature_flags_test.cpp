@@ -16,10 +16,25 @@ namespace {
 
 using kivhal::host::set_property;
 
-// The caches live for the process, so every reading runs in a child.
-template <typename Fn>
-void expect_in_child(Fn fn, bool expected, const std::string& what) {
-    EXPECT_EXIT(std::exit(fn() ? 0 : 1), ::testing::ExitedWithCode(expected ? 0 : 1), "") << what;
+// A switch and the first line it logs, which echoes the value it read.
+struct flag_reader {
+    bool (*read)();
+    const char* echo_pattern;
+};
+
+// The caches live for the process, so every reading runs in a child. The
+// child mirrors its log to stderr: the echo of the value shows that the
+// child ran the reader rather than failing to start.
+void expect_in_child(const flag_reader& reader, const std::string& value, bool expected,
+                     const std::string& what) {
+    EXPECT_EXIT(
+        {
+            kiv_log::set_level(kiv_log::DEBUG);
+            kiv_log::set_stderr_logging(true);
+            std::exit(reader.read() ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(expected ? 0 : 1), reader.echo_pattern + value + "\n")
+        << what;
 }
 
 class FeatureFlagsTest : public ::testing::Test {
@@ -39,15 +54,16 @@ TEST_F(FeatureFlagsTest, UnsetPropertiesLeaveEverythingOff) {
     EXPECT_FALSE(kiv_trace_enabled.load());
 }
 
-bool ds() { return is_ds_supported(); }
-bool oda() { return is_oda_supported(); }
-bool aon() { return get_aon_prop() == 1; }
-bool trace() { return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load(); }
+const flag_reader ds{[] { return is_ds_supported(); }, "is_ds_supported:[0-9]+, ds: "};
+const flag_reader oda{[] { return is_oda_supported(); }, "is_oda_supported:[0-9]+, ds_oda: "};
+const flag_reader aon{[] { return get_aon_prop() == 1; }, "get_aon_prop:[0-9]+, aon_prop: "};
+const flag_reader trace{[] { return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load(); },
+                        "check_kiv_trace_support_flag:[0-9]+, trace_debug: "};
 
 TEST_F(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
     const struct {
         const char* property;
-        bool (*read)();
+        const flag_reader& reader;
         const char* value;
         bool expected;
     } cases[] = {
@@ -70,7 +86,7 @@ TEST_F(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
     for (const auto& c : cases) {
         kivhal::host::clear_properties();
         set_property(c.property, c.value);
-        expect_in_child(c.read, c.expected, std::string(c.property) + "=" + c.value);
+        expect_in_child(c.reader, c.value, c.expected, std::string(c.property) + "=" + c.value);
     }
 }
 
@@ -102,14 +118,14 @@ TEST_F(FeatureFlagsTest, SupportLinesMarkOffForSensorStoreAndOnForAonAndTrace) {
     tav_ducto::check_kiv_trace_support_flag();
 
     using kivhal::test::log_contains;
-    EXPECT_TRUE(log_contains(", ds: falsely"));
-    EXPECT_TRUE(log_contains(", support_ds : falsely"));
-    EXPECT_TRUE(log_contains(", ds_oda: no"));
-    EXPECT_TRUE(log_contains(", support_ds_oda : no"));
-    EXPECT_TRUE(log_contains(", aon_prop: 1"));
-    EXPECT_TRUE(log_contains(", support_aon_presence: 1"));
-    EXPECT_TRUE(log_contains(", trace_debug: true"));
-    EXPECT_TRUE(log_contains(", support_trace_debug : true"));
+    EXPECT_TRUE(log_contains(", ds: falsely", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_ds : falsely", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", ds_oda: no", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_ds_oda : no", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", aon_prop: 1", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_aon_presence: 1", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_contains(", trace_debug: true", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains(", support_trace_debug : true", ANDROID_LOG_INFO));
     kiv_log::set_level(kiv_log::INFO);
 }
 

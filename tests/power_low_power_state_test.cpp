@@ -26,7 +26,7 @@ protected:
     }
     // A connection whose table holds sessions 3 and 5.
     void connect_with_sessions() {
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
         send(kAccel, 513, 3);
         send(kAccel, 513, 5);
@@ -45,31 +45,32 @@ protected:
 };
 
 TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsTheWakeLock) {
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     ASSERT_TRUE(send_state(kOff, 5));
-    ASSERT_TRUE(eventually([] { return log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(0)"); }));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG: getService FAILED: received null"));
+    ASSERT_TRUE(eventually([] { return log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(0)",
+                                                    ANDROID_LOG_DEBUG); }));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG: getService FAILED: received null", ANDROID_LOG_ERROR));
 
     auto service = fake_power_state_service::register_default();
     ASSERT_TRUE(send_state(kOff, 5));
     ASSERT_TRUE(eventually([&] { return service->acquires == 1; }));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(5)"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(5)", ANDROID_LOG_DEBUG));
     ASSERT_TRUE(send_state(kOn, 5));
     ASSERT_TRUE(eventually([&] { return service->releases == 1; }));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)", ANDROID_LOG_DEBUG));
     EXPECT_EQ(1, service->registrations);
     EXPECT_EQ(1, service->acquires);
 }
 
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOff) {
     auto service = fake_power_state_service::register_default();
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     handle(kOff, 9);  // unknown session: not added, nothing else happens
-    const auto errors = log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id");
+    const auto errors = log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR);
     ASSERT_EQ(1u, errors.size());
     EXPECT_EQ(ANDROID_LOG_ERROR, errors[0].priority);
     handle(3, 5);  // unknown message id
-    const auto unknown = log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid message id(3)");
+    const auto unknown = log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid message id(3)", ANDROID_LOG_DEBUG);
     ASSERT_EQ(1u, unknown.size());
     EXPECT_EQ(ANDROID_LOG_DEBUG, unknown[0].priority);
     EXPECT_FALSE(log_contains("aggregate lps"));
@@ -78,22 +79,22 @@ TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOff) {
     handle(kOff, 3);
     handle(kOff, 5);
     handle(kOn, 5);  // 3 still needs the processor
-    EXPECT_EQ(3u, log_lines_containing("aggregate lps(0)").size());
+    EXPECT_EQ(3u, log_lines_containing("aggregate lps(0)", ANDROID_LOG_DEBUG).size());
     // Repeated acquires reach the client; only the first reaches the service.
-    EXPECT_EQ(3u, log_lines_containing("acquire_wakelock _s_is_wakeock_acquired").size());
+    EXPECT_EQ(3u, log_lines_containing("acquire_wakelock _s_is_wakeock_acquired", ANDROID_LOG_DEBUG).size());
     EXPECT_EQ(1, service->acquires);
     EXPECT_EQ(0, service->releases);
     handle(kOn, 3);
-    EXPECT_TRUE(log_contains("aggregate lps(1)"));
+    EXPECT_TRUE(log_contains("aggregate lps(1)", ANDROID_LOG_DEBUG));
     EXPECT_EQ(1, service->releases);
 }
 
 TEST_F(low_power_test, SensorStoreSwitchedOffDropsEveryMessage) {
     host::set_property("persist.vendor.kiv.ds", "false");
     auto service = fake_power_state_service::register_default();
-    connect_with_sessions();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     for (uint8_t id : {0, 1, 2}) handle(id, 5);
-    const auto errors = log_lines_containing("TAV_DUCTO_int DS is not supported");
+    const auto errors = log_lines_containing("TAV_DUCTO_int DS is not supported", ANDROID_LOG_ERROR);
     ASSERT_EQ(3u, errors.size());
     EXPECT_EQ(ANDROID_LOG_ERROR, errors[0].priority);
     EXPECT_FALSE(log_contains("lps_msg_id"));
@@ -104,13 +105,14 @@ TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnc
     auto service = fake_power_state_service::register_default();
     service->registration_accepted = false;
     EXPECT_EQ(nullptr, handler::get_sns_low_power_state_handler());
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG IPowerStateService FAILED to registerDeepSleepClient"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG IPowerStateService FAILED to registerDeepSleepClient",
+                             ANDROID_LOG_ERROR));
     service->registration_accepted = true;
     handler* instance = handler::get_sns_low_power_state_handler();
     ASSERT_NE(nullptr, instance);
     EXPECT_EQ(instance, handler::get_sns_low_power_state_handler());
     EXPECT_EQ(2, service->registrations);
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG: power_state_callback_impl entry"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG: power_state_callback_impl entry", ANDROID_LOG_DEBUG));
     // The service keeps the callback; it ignores every event.
     auto callback = service->registered_callback();
     ASSERT_NE(nullptr, callback);
@@ -120,7 +122,7 @@ TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnc
     handler::release_wakelock();  // nothing held: nothing sent
     EXPECT_TRUE(handler::acquire_wakelock());
     EXPECT_TRUE(handler::acquire_wakelock());
-    EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG acquireLPMWakelock").size());
+    EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG acquireLPMWakelock", ANDROID_LOG_VERBOSE).size());
     handler::release_wakelock();
     handler::release_wakelock();
     EXPECT_EQ(1, service->acquires);
@@ -138,7 +140,8 @@ TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnc
 
     service->wakelock_calls_fail = true;
     handler::release_wakelock();
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG unable to releaseLPMWakelock. Exception : "));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG unable to releaseLPMWakelock. Exception : ",
+                             ANDROID_LOG_ERROR));
     service->wakelock_calls_fail = false;
     handler::release_wakelock();
     handler::release_wakelock();

@@ -47,7 +47,7 @@ protected:
         host::set_property("persist.vendor.kiv.ds", "true");
         host::set_property("persist.vendor.kiv.ds_oda", "true");
         sensorstore_image().write(root);
-        connect();
+        ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
     }
     // Stores `image` after the connect-time reset, so the pass's own reset shows.
@@ -66,12 +66,14 @@ TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPa
     store(example_image());
     process(500, 500);
     process(0, 0);
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE NO DATA in eMMC, total_byte_count=500 shmem_byte_count=500"));
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE NO DATA in eMMC, total_byte_count=0 shmem_byte_count=0"));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE NO DATA in eMMC, total_byte_count=500 shmem_byte_count=500",
+                             ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE NO DATA in eMMC, total_byte_count=0 shmem_byte_count=0",
+                             ANDROID_LOG_DEBUG));
     const std::string error = thrown_by([&] { process(108, 0, 5); });
     EXPECT_EQ(0u, error.rfind("TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : ", 0)) << error;
     EXPECT_EQ(" (5)", error.substr(error.size() - 4));
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE WRITE_INFO_ERROR(5)"));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE WRITE_INFO_ERROR(5)", ANDROID_LOG_ERROR));
     EXPECT_FALSE(log_contains("open successful"));
     EXPECT_EQ(0u, header().reset_data_len);
 
@@ -80,8 +82,9 @@ TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPa
     EXPECT_NE("", thrown_by([&] { process(100, 0); }));
     EXPECT_FALSE(log_contains("mmap successful"));
     EXPECT_NE("", thrown_by([&] { ducto()->tav_update_sensorstore_header_reset_field(1); }));
-    EXPECT_EQ(2u, log_lines_containing("TAV_SENSORSTORE partition size(4) is smaller than its header").size());
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE read failure"));
+    EXPECT_EQ(2u, log_lines_containing("TAV_SENSORSTORE partition size(4) is smaller than its header",
+                                       ANDROID_LOG_ERROR).size());
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE read failure", ANDROID_LOG_ERROR));
 
     unlink(root.host_path(kSensorStorePartition).c_str());
     EXPECT_NE(std::string::npos, thrown_by([&] { ducto()->tav_update_sensorstore_header_reset_field(1); })
@@ -192,11 +195,11 @@ TEST_F(sensor_store_test, HeaderResetAndWriteInfoNeedOnDeviceAnalysis) {
     msg.write_info.total_byte_count = 108;
     msg.write_info.shmem_byte_count = 8;
     ducto()->tav_handle_low_power_state_msg(&msg);
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG received SNS_LOW_POWER_WRITE_INFO"));
-    EXPECT_TRUE(log_contains("total_byte_count=108 shmem_byte_count=8"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG received SNS_LOW_POWER_WRITE_INFO", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("total_byte_count=108 shmem_byte_count=8", ANDROID_LOG_DEBUG));
     EXPECT_FALSE(log_contains("TAV_SENSORSTORE"));
     ducto()->tav_update_sensorstore_header_reset_field(1);
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE ODA not supported"));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE ODA not supported", ANDROID_LOG_DEBUG));
     EXPECT_EQ(300u, header().reset_data_len);
 
     host::set_property("persist.vendor.kiv.ds_oda", "true");
@@ -219,7 +222,8 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-EAGAIN, ducto()->tav_sensorstore_write(partition.fd[1], kData, sizeof(kData)));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 9 * 50ms);  // nine pauses between ten tries
-    EXPECT_EQ(10u, log_lines_containing("TAV_SENSORSTORE write failed with errno = 11").size());
+    EXPECT_EQ(10u, log_lines_containing("TAV_SENSORSTORE write failed with errno = 11",
+                                        ANDROID_LOG_ERROR).size());
 
     int calls = 0;
     host::channel_hooks hooks{nullptr, nullptr, nullptr, nullptr};
@@ -237,10 +241,11 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
 
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO), nullptr});
     EXPECT_EQ(-EIO, ducto()->tav_sensorstore_write(partition.fd[1], kData, sizeof(kData)));
-    EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE write has failed with errno = 5 ").size());
+    EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE write has failed with errno = 5 ",
+                                       ANDROID_LOG_ERROR).size());
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(-1, kData, sizeof(kData)));
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(partition.fd[1], kData, 0));
-    EXPECT_EQ(1u, log_lines_containing("write has failed").size());
+    EXPECT_EQ(1u, log_lines_containing("write has failed", ANDROID_LOG_ERROR).size());
 }
 
 TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsALiveOne) {
@@ -263,7 +268,7 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
     // The pass ends with the reset, after the replay.
     EXPECT_TRUE(eventually([&] { return header().reset_data_len == 1u; }));
     EXPECT_EQ(3u, accel.events().size());
-    const auto unexpected = log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)");
+    const auto unexpected = log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR);
     ASSERT_EQ(1u, unexpected.size());
     EXPECT_EQ(ANDROID_LOG_ERROR, unexpected[0].priority);
 }

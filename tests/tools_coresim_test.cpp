@@ -123,7 +123,7 @@ TEST(CoreSimArgumentsTest, DefaultConfigurationAndASecondSimulatorOnTheSameRoot)
 }
 
 TEST_F(CoreSimTest, AnswersLateWithoutARegistryAndStreamsAfterARequestUntilDisabled) {
-    start({"--no-registry", "--delay-ms", "300"});
+    ASSERT_NO_FATAL_FAILURE(start({"--no-registry", "--delay-ms", "300"}));
     const auto sent = std::chrono::steady_clock::now();
     lookup("registry");
     lookup("heart_rate");
@@ -152,12 +152,13 @@ TEST_F(CoreSimTest, AnswersLateWithoutARegistryAndStreamsAfterARequestUntilDisab
 TEST_F(CoreSimTest, LowPowerScheduleAndWriteInfoFromItsImage) {
     host::set_property("persist.vendor.kiv.ds", "true");
     host::set_property("persist.vendor.kiv.ds_oda", "true");
-    start({"--low-power", "100:off,300:on", "--write-info", "500"});
+    ASSERT_NO_FATAL_FAILURE(start({"--low-power", "100:off,300:on", "--write-info", "500"}));
     lookup("health");  // puts session 0 in the library's session table
     std::this_thread::sleep_for(milliseconds(1200));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)")) << sim->out();
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)"));
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull"));
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)",
+                             ANDROID_LOG_DEBUG)) << sim->out();
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull", ANDROID_LOG_DEBUG));
     EXPECT_EQ(1u, read_sensorstore_header(root).reset_data_len);
     // The image it wrote is one the inspector reads cleanly.
     const tool_result dump = run_program(tool("kivhal-sensorstore"), {"dump", root.host_path(kSensorStorePartition)});

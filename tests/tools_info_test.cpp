@@ -76,7 +76,7 @@ TEST_F(InfoTest, RuntimeErrorsSayWhatHappenedAndWhatToDo) {
 }
 
 TEST_F(InfoTest, FirstBootReportsSensorsAttributesAndEveryQuery) {
-    start_sim();
+    ASSERT_NO_FATAL_FAILURE(start_sim());
     const tool_result result = info({"--json", "--first-boot"});
     ASSERT_EQ(0, result.exit_code) << result.err;
     for (const char* text : {
@@ -104,7 +104,7 @@ TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
                     "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\n"
                     "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
                     "stress_detect\nsleep_state\nexercise_detect\n");
-    start_sim({"--silent", "spo2"});
+    ASSERT_NO_FATAL_FAILURE(start_sim({"--silent", "spo2"}));
     const tool_result result = info({"--log-level", "info", "--quiet"});
     ASSERT_EQ(0, result.exit_code) << result.err;
     EXPECT_TRUE(contains(result.out, "Sensor core on channel \"sensors\": later boot")) << result.out;
@@ -122,7 +122,7 @@ TEST_F(InfoTest, DumpShowsTheConnectionAndTheFactoryAfterDiscovery) {
                     "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
                     "stress_detect\nsleep_state\nexercise_detect\n");
     // Session 0 leaves its low-power state soon after the connection.
-    start_sim({"--silent", "spo2", "--low-power", "100:off"});
+    ASSERT_NO_FATAL_FAILURE(start_sim({"--silent", "spo2", "--low-power", "100:off"}));
     const tool_result result =
         info({"--dump", "--quiet", "--property", "persist.vendor.kiv.ds=true"});
     ASSERT_EQ(0, result.exit_code) << result.err;
@@ -154,7 +154,7 @@ TEST_F(InfoTest, DumpShowsTheConnectionAndTheFactoryAfterDiscovery) {
 
 TEST_F(InfoTest, ExitStatusSaysNothingWasFound) {
     // The registry answers, but the device has no configuration to parse.
-    start_sim();
+    ASSERT_NO_FATAL_FAILURE(start_sim());
     const tool_result result = run_program(kInfo, {"--root", root.path()});
     EXPECT_EQ(1, result.exit_code) << result.err;
     EXPECT_TRUE(contains(result.err, "discovery found nothing"));
@@ -162,7 +162,7 @@ TEST_F(InfoTest, ExitStatusSaysNothingWasFound) {
 
 TEST_F(InfoTest, SimulatorRestartEndsTheServiceAsOnTheDevice) {
     // Two seconds: discovery is then in its fixed wait, not parsing.
-    start_sim({"--restart-after", "2"});
+    ASSERT_NO_FATAL_FAILURE(start_sim({"--restart-after", "2"}));
     const auto begin = std::chrono::steady_clock::now();
     // The hang-up ends the process from the library, long before discovery ends.
     EXPECT_EQ(1, info({"--first-boot"}).exit_code);

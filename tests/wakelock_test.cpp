@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kivhal/host.h"
 #include "kiv_log.h"
@@ -56,8 +57,8 @@ TEST_F(WakelockTest, LockIsTakenOnFirstReferenceAndDroppedAfterTheLast) {
     wl->put_n_locks(3);
     EXPECT_EQ(locks(), kName + kName);
     EXPECT_EQ(unlocks(), kName + kName);
-    EXPECT_TRUE(log_contains("sucess wakelock acquire:KIVHAL_WAKEUP"));
-    EXPECT_TRUE(log_contains("sucess release KIVHAL_WAKEUP wakelock"));
+    EXPECT_TRUE(log_contains("sucess wakelock acquire:KIVHAL_WAKEUP", ANDROID_LOG_VERBOSE));
+    EXPECT_TRUE(log_contains("sucess release KIVHAL_WAKEUP wakelock", ANDROID_LOG_VERBOSE));
 }
 
 TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedAndPutAllDropsTheRest) {
@@ -65,12 +66,12 @@ TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedAndPutAllDropsTheRest) {
     sns_wakelock* wl = sns_wakelock::get_instance();
 
     wl->put_n_locks(1);
-    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0"));
+    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0", ANDROID_LOG_ERROR));
     wl->get_n_locks(2);
     wl->get_n_locks(0xffffffffu);
-    EXPECT_TRUE(log_contains("_in_count -1 will overflow max of _accu_count 2"));
+    EXPECT_TRUE(log_contains("_in_count -1 will overflow max of _accu_count 2", ANDROID_LOG_ERROR));
     wl->put_n_locks(3);
-    EXPECT_TRUE(log_contains("_in_count 3 is larger than _accu_count 2"));
+    EXPECT_TRUE(log_contains("_in_count 3 is larger than _accu_count 2", ANDROID_LOG_ERROR));
     EXPECT_EQ(unlocks(), "");
 
     wl->put_all();
@@ -78,25 +79,27 @@ TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedAndPutAllDropsTheRest) {
     EXPECT_EQ(unlocks(), kName);
     kivhal::host::clear_captured_log();
     wl->put_n_locks(1);
-    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0"));
+    EXPECT_TRUE(log_contains("_in_count 1 is larger than _accu_count 0", ANDROID_LOG_ERROR));
 }
 
 TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
     sns_wakelock* wl = sns_wakelock::get_instance();
-    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_lock\": "));
-    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_unlock\": "));
+    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_lock\": ", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_contains("fatal error opening \"/sys/power/wake_unlock\": ", ANDROID_LOG_ERROR));
 
     kivhal::host::clear_captured_log();
     wl->get_n_locks(1);
     wl->get_n_locks(1);
-    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP").size(), 1u);
+    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP",
+                                                 ANDROID_LOG_ERROR).size(), 1u);
 
     // Not held, so put_all keeps the count; two puts are still owed.
     wl->put_all();
     wl->put_n_locks(2);
     EXPECT_FALSE(log_contains("is larger than"));
     wl->get_n_locks(1);
-    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP").size(), 2u);
+    EXPECT_EQ(kivhal::test::log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP",
+                                                 ANDROID_LOG_ERROR).size(), 2u);
 }
 
 TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {
@@ -117,12 +120,40 @@ TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
 
     wl->get_n_locks(1);
     wl->put_n_locks(1);
-    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ").size(), 1u);
+    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ",
+                                                 ANDROID_LOG_ERROR).size(), 1u);
     // Still held: no new lock write for the next reference, another unlock try after it.
     wl->get_n_locks(1);
     EXPECT_EQ(locks(), kName);
     wl->put_n_locks(1);
-    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock").size(), 2u);
+    EXPECT_EQ(kivhal::test::log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock",
+                                                 ANDROID_LOG_ERROR).size(), 2u);
+}
+
+TEST_F(WakelockTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {
+    create_kernel_files();
+    // Errors only: the log's own lock would order the threads and hide a race.
+    kiv_log::set_level(kiv_log::ERROR);
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    constexpr int kThreads = 4, kRounds = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([wl] {
+            for (int round = 0; round < kRounds; ++round) {
+                wl->get_n_locks(1);
+                wl->put_n_locks(1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const sns_wakelock::state state = wl->get_state();
+    EXPECT_EQ(0u, state.count);
+    EXPECT_FALSE(state.held);
+    EXPECT_TRUE(kivhal::host::captured_log().empty());
+    // Every kernel lock was matched by an unlock.
+    EXPECT_FALSE(locks().empty());
+    EXPECT_EQ(locks().size(), unlocks().size());
 }
 
 }  // namespace

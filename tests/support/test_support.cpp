@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -64,7 +65,19 @@ std::vector<host::log_line> log_lines_containing(const std::string& needle) {
     return found;
 }
 
+std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority) {
+    std::vector<host::log_line> found = log_lines_containing(needle);
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [priority](const host::log_line& line) { return line.priority != priority; }),
+                found.end());
+    return found;
+}
+
 bool log_contains(const std::string& needle) { return !log_lines_containing(needle).empty(); }
+
+bool log_contains(const std::string& needle, int priority) {
+    return !log_lines_containing(needle, priority).empty();
+}
 
 }  // namespace test
 }  // namespace kivhal

@@ -2,6 +2,8 @@
 
 // Helpers shared by the tests, benchmarks and tools.
 
+#include <android/log.h>
+
 #include <string>
 #include <vector>
 
@@ -33,9 +35,13 @@ private:
     bool _had_previous_root;
 };
 
-// Captured log lines whose text contains `needle`.
+// Captured log lines whose text contains `needle`; with a priority, only the
+// lines written at that Android log priority, so a line moved to another
+// level no longer counts.
 std::vector<host::log_line> log_lines_containing(const std::string& needle);
+std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority);
 bool log_contains(const std::string& needle);
+bool log_contains(const std::string& needle, int priority);
 
 }  // namespace test
 }  // namespace kivhal
