@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "allocation_count.h"
 #include "core_stub.h"
 #include "kiv_log.h"
 #include "sns_client.pb.h"
@@ -32,41 +33,9 @@
 #include "tav_ducto.h"
 #include "test_support.h"
 
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-// Set on the threads that receive: the connection's reader thread (by the
-// callback) and the bare loop's. The senders and the harness are not counted.
-thread_local bool t_receiving = false;
-
-void count_allocation() {
-    if (t_receiving) g_allocations.fetch_add(1, std::memory_order_relaxed);
-}
-
-}  // namespace
-
-// Heap allocations of the receiving threads are counted. GCC takes free()
-// inside the replacement operator delete for a mismatch; it is the matching call.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(size_t size) {
-    count_allocation();
-    if (void* p = malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t size) { return operator new(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    count_allocation();
-    return malloc(size == 0 ? 1 : size);
-}
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-#pragma GCC diagnostic pop
+// Heap allocations of the receiving threads are counted: the connection's
+// reader thread (marked by the callback) and the bare loop's. The senders and
+// the harness are not.
 
 namespace {
 
@@ -118,14 +87,14 @@ struct batch_result {
 batch_result run_connection_batch(kivhal::test::core_stub& core, delivery_counter& counter,
                                   const std::vector<uint8_t>& report) {
     counter.arm(counter.value() + kReportsPerIteration);
-    const uint64_t allocations = g_allocations.load();
+    const uint64_t allocations = kivhal::test::counted_allocations();
     const auto start = clock_type::now();
     std::thread sender([&] {
         for (int i = 0; i < kReportsPerIteration; ++i) core.send_packet(report);
     });
     counter.wait();
     const auto end = clock_type::now();
-    const uint64_t used = g_allocations.load() - allocations;
+    const uint64_t used = kivhal::test::counted_allocations() - allocations;
     sender.join();
     return {std::chrono::duration<double>(end - start).count(), used};
 }
@@ -147,8 +116,8 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report) {
 
     std::vector<uint8_t> buf(SNS_DUCTO_PACKET_LEN);
     uint64_t received = 0;
-    t_receiving = true;
-    const uint64_t allocations = g_allocations.load();
+    kivhal::test::count_allocations_on_this_thread(true);
+    const uint64_t allocations = kivhal::test::counted_allocations();
     const auto start = clock_type::now();
     while (received < static_cast<uint64_t>(kReportsPerIteration)) {
         struct pollfd pfd = {fds[1], POLLIN, 0};
@@ -162,8 +131,8 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report) {
         bare_callback(sensor_uid{event.suid().uidlow(), event.suid().uidhigh()}, &received);
     }
     const auto end = clock_type::now();
-    const uint64_t used = g_allocations.load() - allocations;
-    t_receiving = false;
+    const uint64_t used = kivhal::test::counted_allocations() - allocations;
+    kivhal::test::count_allocations_on_this_thread(false);
     sender.join();
     close(fds[0]);
     close(fds[1]);
@@ -188,7 +157,7 @@ void BM_ReportDispatch(benchmark::State& state) {
     delivery_counter counter;
     conn->register_cb(kSensor, nullptr, nullptr,
                       [&counter](const uint8_t*, uint32_t, uint64_t) {
-                          t_receiving = true;
+                          kivhal::test::count_allocations_on_this_thread(true);
                           counter.count();
                       });
     const std::vector<uint8_t> report = sample_report();

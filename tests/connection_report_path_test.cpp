@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "allocation_count.h"
 #include "core_stub.h"
 #include "report_sensor_id.h"
 #include "kiv_log.h"
@@ -20,35 +21,6 @@
 // decode finds, and delivering a report must not touch the heap once warm.
 // Only the reader thread's allocations are counted: the test's bookkeeping
 // and the stand-in core allocate on theirs. The callback marks its thread.
-
-namespace {
-
-thread_local bool t_counting = false;
-std::atomic<uint64_t> g_reader_allocations{0};
-
-void* counted_malloc(size_t size) {
-    if (t_counting) g_reader_allocations.fetch_add(1, std::memory_order_relaxed);
-    return malloc(size == 0 ? 1 : size);
-}
-
-}  // namespace
-
-// GCC takes free() inside the replacement operator delete for a mismatch; it
-// is the matching call for the malloc above.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(size_t size) {
-    if (void* p = counted_malloc(size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t size) { return operator new(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return counted_malloc(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return counted_malloc(size); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-#pragma GCC diagnostic pop
 
 namespace {
 
@@ -100,10 +72,10 @@ TEST(ReportDeliveryTest, SteadyStateDeliveryDoesNotAllocate) {
     const uint64_t warm_up = kWarmUpRounds * reports.size();
     const uint64_t total = warm_up + kCountedRounds * reports.size();
     conn->register_cb(kSensor, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
-        t_counting = true;
+        kivhal::test::count_allocations_on_this_thread(true);
         const uint64_t n = ++delivered;
-        if (n == warm_up) at_first_counted = g_reader_allocations.load();
-        if (n == total) at_last_counted = g_reader_allocations.load();
+        if (n == warm_up) at_first_counted = kivhal::test::counted_allocations();
+        if (n == total) at_last_counted = kivhal::test::counted_allocations();
     });
 
     for (int round = 0; round < kWarmUpRounds + kCountedRounds; round++) {
