@@ -2,13 +2,22 @@
 // the same kind of socket. A core stand-in thread sends the reports; the
 // connection's reader decodes each one's sensor id and calls the registered
 // callback. The bare loop polls, reads, decodes the sensor id and calls a
-// function, nothing more. Both run in every iteration so their ratio is
+// function, nothing more. All run in every iteration so their ratios are
 // measured under the same machine load.
 //
+// A second bare loop also makes the kernel calls the connection must make
+// for every report: its poll watches the wake-up pipe as well, and each
+// delivery writes the wake-lock and wake-unlock files (to /dev/null here, as
+// the connection's do). It separates what those calls cost from the
+// library's own work.
+//
 // Counters: conn_reports_per_s, bare_reports_per_s, ratio (connection /
-// bare), and heap allocations per report on each receiving thread.
+// bare), bare_specified_reports_per_s, ratio_to_bare_specified, and heap
+// allocations per report on each receiving thread.
 
+#include <android-base/unique_fd.h>
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,6 +39,7 @@
 #include "kiv_log.h"
 #include "sns_client.pb.h"
 #include "sns_ducto_packet.h"
+#include "sns_wakelock.h"
 #include "tav_ducto.h"
 #include "test_support.h"
 
@@ -105,7 +115,23 @@ __attribute__((noinline)) void bare_callback(const sensor_uid& suid, uint64_t* c
     ++*count;
 }
 
-batch_result run_bare_batch(const std::vector<uint8_t>& report) {
+// The kernel calls the connection must make for each report beyond the bare
+// loop's: its poll also watches the reader's wake-up pipe, and the delivery
+// takes and gives back the kernel wake lock (the lock's name with its NUL,
+// once to each file).
+struct specified_kernel_calls {
+    int wakeup_fd;
+    int lock_fd;
+    int unlock_fd;
+    void take_and_give_back_wakelock() const {
+        const size_t len = strlen(KIV_WACKLOCK_NAME) + 1;
+        if (write(lock_fd, KIV_WACKLOCK_NAME, len) < 0) abort();
+        if (write(unlock_fd, KIV_WACKLOCK_NAME, len) < 0) abort();
+    }
+};
+
+batch_result run_bare_batch(const std::vector<uint8_t>& report,
+                            const specified_kernel_calls* specified = nullptr) {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds) != 0) abort();
     std::thread sender([&] {
@@ -113,6 +139,11 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report) {
             if (send(fds[0], report.data(), report.size(), MSG_NOSIGNAL) < 0) break;
         }
     });
+    // Entry 0 is polled only with the specified calls.
+    struct pollfd poll_set[2] = {{specified ? specified->wakeup_fd : -1, POLLIN, 0},
+                                 {fds[1], POLLIN | POLLHUP, 0}};
+    struct pollfd* const first = specified ? &poll_set[0] : &poll_set[1];
+    const nfds_t entries = specified ? 2 : 1;
 
     std::vector<uint8_t> buf(SNS_DUCTO_PACKET_LEN);
     uint64_t received = 0;
@@ -120,8 +151,7 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report) {
     const uint64_t allocations = kivhal::test::counted_allocations();
     const auto start = clock_type::now();
     while (received < static_cast<uint64_t>(kReportsPerIteration)) {
-        struct pollfd pfd = {fds[1], POLLIN, 0};
-        if (poll(&pfd, 1, -1) <= 0) continue;
+        if (poll(first, entries, -1) <= 0) continue;
         const ssize_t n = read(fds[1], buf.data(), buf.size());
         if (n < static_cast<ssize_t>(SNS_DUCTO_IND_PAYLOAD_OFFSET)) continue;
         uint32_t len;
@@ -129,6 +159,7 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report) {
         sns_client_event_msg event;
         event.ParseFromArray(buf.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET, static_cast<int>(len));
         bare_callback(sensor_uid{event.suid().uidlow(), event.suid().uidhigh()}, &received);
+        if (specified != nullptr) specified->take_and_give_back_wakelock();
     }
     const auto end = clock_type::now();
     const uint64_t used = kivhal::test::counted_allocations() - allocations;
@@ -161,18 +192,35 @@ void BM_ReportDispatch(benchmark::State& state) {
                           counter.count();
                       });
     const std::vector<uint8_t> report = sample_report();
+    int wakeup_pipe[2];
+    if (pipe2(wakeup_pipe, O_CLOEXEC) != 0) {
+        state.SkipWithError("no pipe for the bare loop");
+        return;
+    }
+    const android::base::unique_fd wakeup_read(wakeup_pipe[0]), wakeup_write(wakeup_pipe[1]);
+    const android::base::unique_fd lock_fd(
+        open(root.host_path("/sys/power/wake_lock").c_str(), O_WRONLY | O_CLOEXEC));
+    const android::base::unique_fd unlock_fd(
+        open(root.host_path("/sys/power/wake_unlock").c_str(), O_WRONLY | O_CLOEXEC));
+    if (lock_fd < 0 || unlock_fd < 0) {
+        state.SkipWithError("the wake-lock files did not open");
+        return;
+    }
+    const specified_kernel_calls specified{wakeup_read.get(), lock_fd.get(), unlock_fd.get()};
 
     // One batch first, so the reader's decoder has grown to its steady state.
     run_connection_batch(core, counter, report);
 
-    double conn_seconds = 0, bare_seconds = 0;
+    double conn_seconds = 0, bare_seconds = 0, bare_specified_seconds = 0;
     uint64_t conn_allocations = 0, bare_allocations = 0, batches = 0;
     for (auto _ : state) {
         const batch_result via_connection = run_connection_batch(core, counter, report);
         const batch_result bare = run_bare_batch(report);
+        const batch_result bare_specified = run_bare_batch(report, &specified);
         state.SetIterationTime(via_connection.seconds);
         conn_seconds += via_connection.seconds;
         bare_seconds += bare.seconds;
+        bare_specified_seconds += bare_specified.seconds;
         conn_allocations += via_connection.allocations;
         bare_allocations += bare.allocations;
         ++batches;
@@ -181,6 +229,8 @@ void BM_ReportDispatch(benchmark::State& state) {
     state.counters["conn_reports_per_s"] = reports / conn_seconds;
     state.counters["bare_reports_per_s"] = reports / bare_seconds;
     state.counters["ratio"] = bare_seconds / conn_seconds;
+    state.counters["bare_specified_reports_per_s"] = reports / bare_specified_seconds;
+    state.counters["ratio_to_bare_specified"] = bare_specified_seconds / conn_seconds;
     state.counters["conn_allocs_per_report"] = static_cast<double>(conn_allocations) / reports;
     state.counters["bare_allocs_per_report"] = static_cast<double>(bare_allocations) / reports;
     state.SetItemsProcessed(static_cast<int64_t>(reports));
