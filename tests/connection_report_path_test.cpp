@@ -2,11 +2,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "allocation_count.h"
@@ -81,11 +78,7 @@ TEST(ReportDeliveryTest, SteadyStateDeliveryDoesNotAllocate) {
     for (int round = 0; round < kWarmUpRounds + kCountedRounds; round++) {
         for (const auto& report : reports) ASSERT_TRUE(core.send_packet(report));
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (delivered.load() < total && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_EQ(delivered.load(), total);
+    ASSERT_TRUE(kivhal::test::eventually([&] { return delivered.load() == total; }, std::chrono::seconds(20)));
     EXPECT_EQ(at_last_counted.load() - at_first_counted.load(), 0u)
         << "heap allocations on the reader thread over " << kCountedRounds * reports.size() << " reports";
     conn.reset();

@@ -2,9 +2,11 @@
 
 // Shared set-up of the tests that run over a live connection: a fresh root
 // with wake-lock files, a core stand-in on the channel, recorders for two
-// sensors, and helpers to build requests and catch errors.
+// sensors, and helpers to build requests and read the dump.
 
-#include <gtest/gtest.h>
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <cerrno>
@@ -23,41 +25,22 @@
 namespace kivhal {
 namespace test {
 
+using ::testing::HasSubstr;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
 constexpr char kChannel[] = "sensors";
 constexpr std::chrono::milliseconds kWait(2000);
 constexpr sensor_uid kAccel{0x1111, 0xa1};
 constexpr sensor_uid kGyro{0x2222, 0xb2};
 
-// Polls `condition` until it holds or `timeout` passes.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = kWait) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-// What `action` throws: a ducto_error's text as it is, any other exception's
-// text after "other: ", and "" when nothing is thrown.
-inline std::string thrown_by(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const ducto_error& e) {
-        return e.what();
-    } catch (const std::exception& e) {
-        return std::string("other: ") + e.what();
-    }
-    return "";
-}
-
 // A channel hook that fails its first `failures` calls with `error`, returning
-// `result`, and passes later calls to `real`.
+// `result`, and passes later calls to `real`; `calls` counts them all.
 template <typename Result, typename... Args>
 std::function<Result(Args...)> failing(Result (*real)(Args...), int error, int failures = INT_MAX,
-                                       typename std::common_type<Result>::type result = -1) {
-    auto calls = std::make_shared<std::atomic<int>>(0);
+                                       typename std::common_type<Result>::type result = -1,
+                                       std::shared_ptr<std::atomic<int>> calls = nullptr) {
+    if (!calls) calls = std::make_shared<std::atomic<int>>(0);
     return [=](Args... args) {
         if ((*calls)++ >= failures) return real(args...);
         errno = error;
@@ -65,10 +48,21 @@ std::function<Result(Args...)> failing(Result (*real)(Args...), int error, int f
     };
 }
 
+// What conn.dump() writes; far below a pipe's capacity.
+inline std::string dump_of(tav_interface& conn) {
+    android::base::unique_fd read_end, write_end;
+    std::string text;
+    if (!android::base::Pipe(&read_end, &write_end)) return "no pipe";
+    conn.dump(write_end.get());
+    write_end.reset();
+    android::base::ReadFdToString(read_end, &text);
+    return text;
+}
+
 class connection_test : public ::testing::Test {
 protected:
     void SetUp() override {
-        host::clear_captured_log();
+        kiv_log::set_level(kiv_log::VERBOSE);
         for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
         core = std::make_unique<core_stub>(kChannel);
     }
@@ -77,7 +71,6 @@ protected:
         core.reset();
         host::clear_channel_hooks();
         host::clear_properties();
-        kiv_log::set_level(kiv_log::INFO);
     }
 
     void connect() {

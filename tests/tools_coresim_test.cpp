@@ -1,20 +1,14 @@
 // The simulator against the library's connection in this process. Its
 // attribute set and silent types show end to end in the kivhal-info tests.
-#include <gtest/gtest.h>
-
+#include <gmock/gmock.h>
 #include <signal.h>
 
 #include <atomic>
 #include <memory>
-#include <thread>
 
-#include "event_recorder.h"
-#include "kiv_log.h"
+#include "connection_test_fixture.h"
 #include "sensorstore_image.h"
-#include "sns_client.pb.h"
 #include "sns_suid.pb.h"
-#include "tav_interface.h"
-#include "test_support.h"
 #include "tool_process.h"
 
 namespace kivhal {
@@ -24,9 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 
 const std::string kSim = tool("kivhal-coresim");
-constexpr uint64_t kLookupHalf = 0xababababababababULL;
-const sensor_uid kLookupSuid{kLookupHalf, kLookupHalf};
-constexpr uint32_t kLookupRequest = 512, kAttributeRequest = 1, kDisableRequest = 10;
+const sensor_uid kLookupSuid = core_stub::lookup_suid();
 
 std::string request(sensor_uid suid, uint32_t msg_id, const std::string& payload) {
     sns_client_request_msg envelope;
@@ -58,13 +50,12 @@ protected:
         ASSERT_EQ(0, register_sensor(kLookupSuid, lookups));
     }
     int register_sensor(sensor_uid suid, event_recorder& recorder) {
-        return conn->register_cb(suid, [this](uint32_t, uint64_t) { ++responses; }, nullptr,
-                                 recorder.callback());
+        return conn->register_cb(suid, [this](uint32_t, uint64_t) { ++responses; }, nullptr, recorder.callback());
     }
     void lookup(const std::string& type) {
         sns_suid_req lookup;
         lookup.set_datatypename(type);
-        conn->send_request(kLookupSuid, true, request(kLookupSuid, kLookupRequest, lookup.SerializeAsString()), 0);
+        conn->send_request(kLookupSuid, true, request(kLookupSuid, 512, lookup.SerializeAsString()), 0);
     }
     sns_suid_event lookup_answer(size_t index) {
         sns_suid_event answer;
@@ -101,17 +92,15 @@ TEST(CoreSimArgumentsTest, DefaultConfigurationAndASecondSimulatorOnTheSameRoot)
     // working directory.
     tool_process first(kSim, {"--root", root.path()});
     ASSERT_TRUE(first.wait_for_output("serving")) << first.out();
-    EXPECT_TRUE(contains(first.out(), "with 14 sensors from " + tool("oem_config.xml"))) << first.out();
+    EXPECT_THAT(first.out(), HasSubstr("with 14 sensors from " + tool("oem_config.xml")));
 
-    const std::string socket = root.host_path("/dev/ductopkt_vorla_sensors");
     const tool_result second = run_program(kSim, {"--root", root.path()});
     EXPECT_EQ(2, second.exit_code);
-    EXPECT_EQ("kivhal-coresim: " + socket + " is served by a running kivhal-coresim already; "
-              "stop it first or pass another --root or --channel\n",
+    EXPECT_EQ("kivhal-coresim: " + root.host_path("/dev/ductopkt_vorla_sensors") +
+                  " is served by a running kivhal-coresim already; stop it first or pass another --root or --channel\n",
               second.err);
     // The first one still owns the socket and serves the library.
-    EXPECT_NO_THROW(std::unique_ptr<tav_interface>(
-        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{"sensors"})));
+    EXPECT_NO_THROW(std::unique_ptr<tav_interface>(tav_interface::create(TAV_DUCTO_CONNECTION, {"sensors"})));
     EXPECT_EQ(0, first.stop(SIGTERM).exit_code);
 
     // A socket left by a simulator that died is taken over.
@@ -136,17 +125,19 @@ TEST_F(CoreSimTest, AnswersLateWithoutARegistryAndStreamsAfterARequestUntilDisab
     const sensor_uid hr{found.suids(0).uidlow(), found.suids(0).uidhigh()};
     event_recorder reports;
     ASSERT_EQ(0, register_sensor(hr, reports));
-    conn->send_request(hr, true, request(hr, kAttributeRequest, ""), 0);
+    conn->send_request(hr, true, request(hr, 1, ""), 0);
     ASSERT_TRUE(reports.wait_for(3, milliseconds(5000)));
     EXPECT_EQ(hr.low, decode(reports.events()[2]).suid().uidlow());  // a report, after the attributes
 
-    conn->send_request(hr, true, request(hr, kDisableRequest, ""), 0);
-    std::this_thread::sleep_for(milliseconds(600));
+    // Once the disable is answered nothing more streams: a lookup answered
+    // 300 ms later finds no new report.
+    conn->send_request(hr, true, request(hr, 10, ""), 0);
+    ASSERT_TRUE(eventually([&] { return responses == 4; }));  // one per request, the silent registry's too
     const size_t after_disable = reports.events().size();
-    std::this_thread::sleep_for(milliseconds(300));
+    lookup("spo2");
+    ASSERT_TRUE(lookups.wait_for(2, milliseconds(5000)));
     EXPECT_EQ(after_disable, reports.events().size());
-    EXPECT_EQ(4, responses.load());  // one per request, the silent registry's too
-    EXPECT_TRUE(contains(sim->out(), "disable heart_rate"));
+    EXPECT_THAT(sim->out(), HasSubstr("disable heart_rate"));
 }
 
 TEST_F(CoreSimTest, LowPowerScheduleAndWriteInfoFromItsImage) {
@@ -154,15 +145,14 @@ TEST_F(CoreSimTest, LowPowerScheduleAndWriteInfoFromItsImage) {
     host::set_property("persist.vendor.kiv.ds_oda", "true");
     ASSERT_NO_FATAL_FAILURE(start({"--low-power", "100:off,300:on", "--write-info", "500"}));
     lookup("health");  // puts session 0 in the library's session table
-    std::this_thread::sleep_for(milliseconds(1200));
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)",
-                             ANDROID_LOG_DEBUG)) << sim->out();
-    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG aggregate lps(1)", ANDROID_LOG_DEBUG));
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull", ANDROID_LOG_DEBUG));
+    // Indications keep their order: the write-info's pass ends after both states.
+    ASSERT_TRUE(eventually([] { return log_contains("TAV_SENSORSTORE eMMC data parsing successfull"); })) << sim->out();
+    EXPECT_TRUE(log_contains("SNS_LOW_PWR_STATE_MSG lps_msg_id(0), lps_session_id(0)", ANDROID_LOG_DEBUG));
+    EXPECT_THAT(dump_of(*conn), HasSubstr("aggregate on\n    session 0: on\n"));
     EXPECT_EQ(1u, read_sensorstore_header(root).reset_data_len);
     // The image it wrote is one the inspector reads cleanly.
     const tool_result dump = run_program(tool("kivhal-sensorstore"), {"dump", root.host_path(kSensorStorePartition)});
-    EXPECT_TRUE(contains(dump.out, "walk: 7 records, ends exactly")) << dump.out;
+    EXPECT_THAT(dump.out, HasSubstr("walk: 7 records, ends exactly"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,7 +48,7 @@ void expect_lint(const std::string& contents, int exit_code, const std::string& 
     EXPECT_EQ(exit_code, result.exit_code) << result.out;
     for (const auto& [line, text] : expected) {
         const std::string wanted = path + ":" + std::to_string(line) + ": " + text;
-        EXPECT_TRUE(contains(result.out, wanted)) << "missing: " << wanted << "\n" << result.out;
+        EXPECT_THAT(result.out, ::testing::HasSubstr(wanted));
     }
     // Nothing else: lines that are right stay unreported; the verdict ends it.
     EXPECT_EQ(expected.size() + 1, static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));

@@ -1,10 +1,8 @@
 // The OEM configuration schema against the linter: what the linter accepts
 // validates, and each error the linter reports is one the schema rejects
 // wherever XML Schema 1.0 can say it.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -43,10 +41,10 @@ protected:
     scoped_root root;
 };
 
-std::string read_file(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
+std::string example_config() {
+    std::string text;
+    EXPECT_TRUE(android::base::ReadFileToString(kExampleConfig, &text));
+    return text;
 }
 
 // `kValid` with `from` replaced by `to`.
@@ -59,7 +57,7 @@ std::string with(const std::string& from, const std::string& to) {
 
 TEST_F(SchemaTest, TheExampleAndEveryFileTheLinterAcceptsValidate) {
     const std::vector<std::string> accepted = {
-        read_file(kExampleConfig),
+        example_config(),
         kValid,
         kWarningsOnlyConfig,
         // Forms the parser reads as tinyxml2 does: words by their prefix,
@@ -107,7 +105,7 @@ TEST_F(SchemaTest, RejectsEachLinterErrorASchemaCanSay) {
     for (const mistake& m : mistakes) {
         const tool_result linted = lint(m.contents);
         EXPECT_EQ(1, linted.exit_code) << m.lint_error;
-        EXPECT_TRUE(contains(linted.out, m.lint_error)) << m.lint_error << "\n" << linted.out;
+        EXPECT_THAT(linted.out, ::testing::HasSubstr(m.lint_error));
         const tool_result checked = validate(m.contents);
         EXPECT_NE(0, checked.exit_code) << "the schema accepts: " << m.lint_error << "\n" << m.contents;
     }
@@ -126,7 +124,7 @@ TEST_F(SchemaTest, LeavesToTheLinterWhatOnlyItCanSay) {
     };
     for (const mistake& m : mistakes) {
         const tool_result linted = lint(m.contents);
-        EXPECT_TRUE(contains(linted.out, m.lint_error)) << m.lint_error << "\n" << linted.out;
+        EXPECT_THAT(linted.out, ::testing::HasSubstr(m.lint_error));
         EXPECT_EQ(0, validate(m.contents).exit_code) << m.lint_error;
     }
 }

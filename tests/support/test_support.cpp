@@ -1,82 +1,66 @@
 #include "test_support.h"
 
-#include <sys/stat.h>
-
-#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace kivhal {
 namespace test {
 
-namespace fs = std::filesystem;
-
 scoped_root::scoped_root() {
-    const char* previous = getenv("KIVHAL_ROOT");
-    _had_previous_root = previous != nullptr;
-    if (_had_previous_root) _previous_root = previous;
-
-    std::string pattern = (fs::temp_directory_path() / "kivhal-root-XXXXXX").string();
-    if (mkdtemp(&pattern[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
-    _path = pattern;
-    setenv("KIVHAL_ROOT", _path.c_str(), 1);
+    if (const char* previous = getenv("KIVHAL_ROOT")) _previous_root = previous;
+    if (_dir.path[0] == '\0') throw std::runtime_error("cannot create a temporary directory");
+    setenv("KIVHAL_ROOT", _dir.path, 1);
 }
 
 scoped_root::~scoped_root() {
-    if (_had_previous_root) {
-        setenv("KIVHAL_ROOT", _previous_root.c_str(), 1);
+    if (_previous_root) {
+        setenv("KIVHAL_ROOT", _previous_root->c_str(), 1);
     } else {
         unsetenv("KIVHAL_ROOT");
     }
-    std::error_code ignored;
-    fs::remove_all(_path, ignored);
-}
-
-std::string scoped_root::host_path(const std::string& device_path) const {
-    return _path + device_path;
 }
 
 void scoped_root::write_file(const std::string& device_path, const std::string& contents) const {
-    fs::path target(host_path(device_path));
-    fs::create_directories(target.parent_path());
-    std::ofstream out(target, std::ios::binary | std::ios::trunc);
-    out << contents;
+    const std::string target = host_path(device_path);
+    std::filesystem::create_directories(std::filesystem::path(target).parent_path());
+    if (!android::base::WriteStringToFile(contents, target)) {
+        throw std::runtime_error("cannot write " + target + ": " + strerror(errno));
+    }
 }
 
 std::string scoped_root::read_file(const std::string& device_path) const {
-    std::ifstream in(host_path(device_path), std::ios::binary);
-    std::ostringstream contents;
-    contents << in.rdbuf();
-    return contents.str();
+    std::string contents;
+    if (!android::base::ReadFileToString(host_path(device_path), &contents)) {
+        throw std::runtime_error("cannot read " + host_path(device_path) + ": " + strerror(errno));
+    }
+    return contents;
 }
 
 bool scoped_root::exists(const std::string& device_path) const {
-    return fs::exists(host_path(device_path));
+    return std::filesystem::exists(host_path(device_path));
 }
 
-std::vector<host::log_line> log_lines_containing(const std::string& needle) {
+std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority) {
     std::vector<host::log_line> found;
     for (const host::log_line& line : host::captured_log()) {
-        if (line.text.find(needle) != std::string::npos) found.push_back(line);
+        if (line.text.find(needle) != std::string::npos && (priority < 0 || line.priority == priority)) {
+            found.push_back(line);
+        }
     }
     return found;
 }
 
-std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority) {
-    std::vector<host::log_line> found = log_lines_containing(needle);
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [priority](const host::log_line& line) { return line.priority != priority; }),
-                found.end());
-    return found;
-}
-
-bool log_contains(const std::string& needle) { return !log_lines_containing(needle).empty(); }
-
-bool log_contains(const std::string& needle, int priority) {
-    return !log_lines_containing(needle, priority).empty();
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 }  // namespace test

@@ -2,8 +2,12 @@
 
 // Helpers shared by the tests, benchmarks and tools.
 
+#include <android-base/file.h>
 #include <android/log.h>
 
+#include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,27 +25,30 @@ public:
     scoped_root(const scoped_root&) = delete;
     scoped_root& operator=(const scoped_root&) = delete;
 
-    const std::string& path() const { return _path; }
+    std::string path() const { return _dir.path; }
     // Absolute host path of a device path such as "/sys/power/wake_lock".
-    std::string host_path(const std::string& device_path) const;
-    // Creates the parent directories and writes `contents`.
+    std::string host_path(const std::string& device_path) const { return path() + device_path; }
+    // Creates the parent directories and writes `contents`; throws when it cannot.
     void write_file(const std::string& device_path, const std::string& contents) const;
+    // Throws when the file cannot be read: a file never written is no empty one.
     std::string read_file(const std::string& device_path) const;
     bool exists(const std::string& device_path) const;
 
 private:
-    std::string _path;
-    std::string _previous_root;
-    bool _had_previous_root;
+    TemporaryDir _dir;
+    std::optional<std::string> _previous_root;
 };
 
 // Captured log lines whose text contains `needle`; with a priority, only the
-// lines written at that Android log priority, so a line moved to another
-// level no longer counts.
-std::vector<host::log_line> log_lines_containing(const std::string& needle);
-std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority);
-bool log_contains(const std::string& needle);
-bool log_contains(const std::string& needle, int priority);
+// lines written at that Android log priority.
+std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority = -1);
+inline bool log_contains(const std::string& needle, int priority = -1) {
+    return !log_lines_containing(needle, priority).empty();
+}
+
+// Polls `condition` until it holds or `timeout` passes.
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 }  // namespace test
 }  // namespace kivhal

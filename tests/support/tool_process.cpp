@@ -1,5 +1,6 @@
 #include "tool_process.h"
 
+#include <android-base/unique_fd.h>
 #include <elf.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -10,8 +11,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -24,32 +23,24 @@ constexpr std::chrono::milliseconds kPollStep{10};
 // target program itself, so the tools are started through the emulator.
 constexpr char kEmulatorEnv[] = "KIVHAL_EMULATOR";
 
-std::string make_temp_file() {
-    std::string path = "/tmp/kivhal-tool-XXXXXX";
-    const int fd = mkstemp(path.data());
-    if (fd < 0) throw std::runtime_error("mkstemp: " + std::string(strerror(errno)));
-    close(fd);
-    return path;
-}
-
 // Only the cross-built programs go through the emulator; host programs the
 // tests use (xmllint) run directly.
 bool is_arm_program(const std::string& path) {
     Elf32_Ehdr header{};
-    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof(header));
-    return memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EM_ARM;
+    android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd.ok() && android::base::ReadFully(fd, &header, sizeof(header)) &&
+           memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EM_ARM;
 }
 
-std::string slurp(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
+std::string contents_of(const TemporaryFile& file) {
+    std::string text;
+    android::base::ReadFileToString(file.path, &text);
+    return text;
 }
 
 }  // namespace
 
-tool_process::tool_process(const std::string& path, const std::vector<std::string>& args)
-    : _out_path(make_temp_file()), _err_path(make_temp_file()) {
+tool_process::tool_process(const std::string& path, const std::vector<std::string>& args) {
     std::vector<std::string> storage;
     const char* emulator = getenv(kEmulatorEnv);
     if (emulator != nullptr && *emulator != '\0' && is_arm_program(path)) storage.emplace_back(emulator);
@@ -58,22 +49,26 @@ tool_process::tool_process(const std::string& path, const std::vector<std::strin
     std::vector<char*> argv;
     for (std::string& arg : storage) argv.push_back(arg.data());
     argv.push_back(nullptr);
+    // Only the child's standard output and error are these files.
+    for (int fd : {_out.fd, _err.fd}) fcntl(fd, F_SETFD, FD_CLOEXEC);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _out_path.c_str(), O_WRONLY | O_TRUNC, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, _err_path.c_str(), O_WRONLY | O_TRUNC, 0);
+    posix_spawn_file_actions_adddup2(&actions, _out.fd, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, _err.fd, STDERR_FILENO);
     const int error = posix_spawn(&_pid, storage.front().c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("posix_spawn " + storage.front() + ": " + strerror(error));
 }
 
 tool_process::~tool_process() {
-    if (_pid > 0) stop(SIGKILL);
-    unlink(_out_path.c_str());
-    unlink(_err_path.c_str());
+    try {
+        stop(SIGKILL);
+    } catch (const std::runtime_error&) {
+        // Already reported by the stop() that failed, or nothing left to stop.
+    }
 }
 
-std::string tool_process::out() const { return slurp(_out_path); }
+std::string tool_process::out() const { return contents_of(_out); }
 
 bool tool_process::wait_for_output(const std::string& needle, std::chrono::milliseconds timeout) const {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -85,15 +80,24 @@ bool tool_process::wait_for_output(const std::string& needle, std::chrono::milli
 }
 
 tool_result tool_process::stop(int signal_number, std::chrono::milliseconds timeout) {
-    if (signal_number != 0) kill(_pid, signal_number);
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    int status = 0;
-    while (waitpid(_pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) kill(_pid, SIGKILL);
-        std::this_thread::sleep_for(kPollStep);
+    if (!_reaped) {
+        // Until waitpid has collected it, _pid is our child (a zombie at worst).
+        if (signal_number != 0) kill(_pid, signal_number);
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        int status = 0;
+        pid_t reaped;
+        while ((reaped = waitpid(_pid, &status, WNOHANG)) == 0) {
+            if (std::chrono::steady_clock::now() >= deadline) kill(_pid, SIGKILL);
+            std::this_thread::sleep_for(kPollStep);
+        }
+        const int error = errno;
+        _reaped = true;
+        if (reaped != _pid) {
+            throw std::runtime_error("waitpid " + std::to_string(_pid) + ": " + strerror(error));
+        }
+        _exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    _pid = -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out(), slurp(_err_path)};
+    return {_exit_code, out(), contents_of(_err)};
 }
 
 tool_result run_program(const std::string& path, const std::vector<std::string>& args,

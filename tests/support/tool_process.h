@@ -3,6 +3,7 @@
 // Runs a built program for end-to-end tests: its standard output and error
 // go to files read back afterwards, so a chatty child never blocks on a pipe.
 
+#include <android-base/file.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -31,30 +32,36 @@ public:
     bool wait_for_output(const std::string& needle,
                          std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // Sends `signal_number` (none when 0) and waits; after `timeout` the
-    // program is killed.
+    // program is killed. Once it has ended, later calls signal nothing and
+    // return the same status. Throws std::runtime_error when the program's
+    // status cannot be collected.
     tool_result stop(int signal_number, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 private:
     pid_t _pid = -1;
-    std::string _out_path;
-    std::string _err_path;
+    bool _reaped = false;  // from then on _pid is no child of ours
+    int _exit_code = -1;
+    TemporaryFile _out;
+    TemporaryFile _err;
 };
 
 tool_result run_program(const std::string& path, const std::vector<std::string>& args,
                         std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
+// Exactly one line, with its line end.
+inline bool is_one_line(const std::string& text) {
+    return !text.empty() && text.find('\n') == text.size() - 1;
+}
+
 }  // namespace test
 }  // namespace kivhal
 
 #ifdef KIVHAL_TOOLS_DIR
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 namespace kivhal {
 namespace test {
 inline std::string tool(const char* name) { return std::string(KIVHAL_TOOLS_DIR) + "/" + name; }
 const std::string kExampleConfig = std::string(KIVHAL_SOURCE_DIR) + "/examples/oem_config.xml";
-inline bool contains(const std::string& text, const std::string& needle) {
-    return text.find(needle) != std::string::npos;
-}
 
 // The last line of `text`, without its newline.
 inline std::string last_line(std::string text) {
@@ -69,12 +76,12 @@ inline void expect_usage_errors(const std::string& path, const std::string& usag
                                 const std::vector<std::vector<std::string>>& bad) {
     const tool_result help = run_program(path, {"--help"});
     EXPECT_EQ(0, help.exit_code);
-    EXPECT_TRUE(contains(help.out, usage)) << help.out;
+    EXPECT_THAT(help.out, ::testing::HasSubstr(usage));
     for (const auto& args : bad) {
         const tool_result result = run_program(path, args);
         EXPECT_EQ(2, result.exit_code) << (args.empty() ? "" : args.back()) << "\n" << result.err;
         EXPECT_EQ("", result.out);
-        EXPECT_EQ(result.err.size() - 1, result.err.find('\n')) << result.err;
+        EXPECT_TRUE(is_one_line(result.err)) << result.err;
     }
 }
 
@@ -84,7 +91,7 @@ inline void expect_refused_at_once(const std::string& path, const std::vector<st
     const tool_result result = run_program(path, args, std::chrono::seconds(5));
     EXPECT_EQ(2, result.exit_code) << args.back() << "\n" << result.out << result.err;
     EXPECT_EQ("", result.out);
-    EXPECT_EQ(result.err.size() - 1, result.err.find('\n')) << result.err;
+    EXPECT_TRUE(is_one_line(result.err)) << result.err;
 }
 }  // namespace test
 }  // namespace kivhal
