@@ -1,11 +1,14 @@
 // Requests as framed on the wire, responses matched to requests, the life of
-// a registration and its client request id, and reports delivered to the
-// sensor named inside them, malformed ones dropped.
+// a registration and its client request id, reports delivered to the sensor
+// named inside them (malformed ones dropped), the state dump and the hash of
+// sensor ids.
 #include <utils/SystemClock.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "connection_test_fixture.h"
+#include "kiv_dump.h"
 #include "sns_wakelock.h"
 
 namespace kivhal {
@@ -175,25 +178,90 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
 TEST_F(connection_test, ReportHoldsTheWakeLockOnlyWhileItsCallbackRuns) {
     ASSERT_NO_FATAL_FAILURE(connect());
     sns_wakelock* wakelock = sns_wakelock::get_instance();
-    std::atomic<int> calls{0};
-    std::atomic<uint32_t> count_in_callback{0};
-    std::atomic<bool> held_in_callback{false};
+    std::atomic<int> in_callback{-1};  // references then, 0 when the lock was not held
     ASSERT_EQ(0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
-        const sns_wakelock::state state = wakelock->get_state();
-        count_in_callback = state.count;
-        held_in_callback = state.held;
-        ++calls;
+        in_callback = wakelock->get_state().held ? static_cast<int>(wakelock->get_state().count) : 0;
     }));
     const std::string unlocked = root.read_file("/sys/power/wake_unlock");
-
     ASSERT_TRUE(core->send_packet(core_stub::make_report(core_stub::make_event(kAccel, kDataEvent, "r"))));
-    ASSERT_TRUE(eventually([&] { return calls == 1; }));
-    EXPECT_EQ(1u, count_in_callback);
-    EXPECT_TRUE(held_in_callback);
+    ASSERT_TRUE(eventually([&] { return in_callback != -1; }));
+    EXPECT_EQ(1, in_callback);
     // The reference is given back after the callback returns, on the reader thread.
     EXPECT_TRUE(eventually([&] { return wakelock->get_state().count == 0; }));
     EXPECT_FALSE(wakelock->get_state().held);
     EXPECT_EQ(unlocked + kWakeLockName, root.read_file("/sys/power/wake_unlock"));
+}
+
+// The state dump follows what the client and the core did.
+TEST_F(connection_test, DumpShowsRegistrationsRequestsAwaitingAnswersAndSessions) {
+    host::set_property("persist.vendor.kiv.ds", "true");
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_EQ(0, register_sensor(kAccel, accel));
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    send(kAccel, 513, 3);
+    send(kGyro, kDisable);
+    ASSERT_TRUE(core->wait_for_requests(2, kWait));
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_STATE_OFF, 3)));
+    // The indication is handled on the reader thread, some time after.
+    std::string before;
+    ASSERT_TRUE(eventually([&] {
+        before = dump_of(*conn);
+        return before.find("aggregate off") != std::string::npos;
+    })) << before;
+    for (const std::string& text : std::vector<std::string>{
+             "Connection (tav_ducto 0x",
+             "  channel: \"sensors\", fd ",
+             "  channel errors: 0 in a row (limit 10)\n",
+             "  registered sensors: 2 (client request ids 2 in use, 253 free)\n"
+             "    client request id 1: " + dump::suid_text(kAccel) + "\n"
+             "    client request id 2: " + dump::suid_text(kGyro) + "\n",
+             "  pending responses, oldest first: 2\n    " + dump::suid_text(kAccel) + "\n    " + dump::suid_text(kGyro) + "\n",
+             "  disable requests awaiting their response: 1\n    " + dump::suid_text(kGyro) + "\n",
+             "  low-power sessions: 2, aggregate off\n    session 0: on\n    session 3: off\n",
+             "  wake lock: 0 references, not held\n"}) {
+        EXPECT_THAT(before, HasSubstr(text));
+    }
+
+    // Both answered: nothing waits any more and the disabled sensor is gone.
+    core->send_response({});
+    core->send_response({});
+    ASSERT_TRUE(eventually([&] { return ducto()->get_clientreq_id(kGyro) == 0; }));
+    const std::string after = dump_of(*conn);
+    for (const char* text : {"  registered sensors: 1 (client request ids 1 in use, 254 free)\n",
+                             "  pending responses, oldest first: 0\n",
+                             "  disable requests awaiting their response: 0\n"}) {
+        EXPECT_THAT(after, HasSubstr(text));
+    }
+}
+
+// MurmurHash2 over a byte buffer, written from the published algorithm
+// (16-byte keys only, so no tail), independently of the library's word loop.
+uint32_t reference_murmur2(const sensor_uid& suid) {
+    const uint32_t m = 0x5bd1e995;
+    unsigned char data[sizeof(suid)];
+    memcpy(data, &suid, sizeof(data));
+    uint32_t h = sizeof(data);
+    for (const unsigned char* p = data; p < data + sizeof(data); p += 4) {
+        uint32_t k = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
+        k *= m;
+        k ^= k >> 24;
+        k *= m;
+        h = (h * m) ^ k;
+    }
+    h ^= h >> 13;
+    h *= m;
+    return h ^ (h >> 15);
+}
+
+TEST(SensorUidTest, HashIsMurmur2OfTheSixteenBytesLowHalfFirst) {
+    const sensor_uid ids[] = {{0, 0}, {0xabababababababab, 0xabababababababab}, {1, 0}, {0, 1},
+                              {0x0123456789abcdef, 0xfedcba9876543210}, {~0ull, ~0ull}};
+    for (const sensor_uid& id : ids) {
+        EXPECT_EQ(sensor_uid_hash()(id), static_cast<size_t>(reference_murmur2(id)))
+            << std::hex << id.high << ":" << id.low;
+    }
+    // Sixteen zero bytes with initial value 16.
+    EXPECT_EQ(sensor_uid_hash()(sensor_uid{0, 0}), 0x2018c55bu);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <vector>
 
 #include "test_support.h"
 #include "tool_process.h"

@@ -1,10 +1,8 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <chrono>
 #include <memory>
 #include <regex>
-#include <string>
 
 #include "test_support.h"
 #include "tool_process.h"
@@ -19,6 +17,11 @@ using ::testing::Not;
 
 const std::string kInfo = tool("kivhal-info");
 constexpr char kListPath[] = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
+// What a first boot against the example writes, less the type that stays silent
+// later: a name answered but not listed would make a later boot wait its full 8 s.
+constexpr char kExampleListWithoutSpo2[] =
+    "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\nfloor_counter\nactivity_recognition\n"
+    "heart_rate\nskin_temperature\nstress_detect\nsleep_state\nexercise_detect\n";
 
 // kivhal-info against the simulator, both as built.
 class InfoTest : public ::testing::Test {
@@ -41,14 +44,9 @@ protected:
     std::unique_ptr<tool_process> sim;
 };
 
-TEST_F(InfoTest, HelpAndBadArgumentsExitWithOneLine) {
-    expect_usage_errors(kInfo, "Usage: kivhal-info",
-                        {{"--root", root.path(), "--log-level", "loud"},
-                         {"--root", root.path(), "--wat"},
-                         {"--root", root.path(), "--config", "/missing.xml"}});
-}
-
-TEST_F(InfoTest, RuntimeErrorsSayWhatHappenedAndWhatToDo) {
+TEST_F(InfoTest, BadArgumentsAndRuntimeErrorsSayWhatHappenedAndWhatToDo) {
+    expect_usage_errors(kInfo, "Usage: kivhal-info", {{"--root", root.path(), "--log-level", "loud"},
+                        {"--root", root.path(), "--wat"}, {"--root", root.path(), "--config", "/missing.xml"}});
     // No simulator: the node really tried, the system's text, the usual fix;
     // the library's own error lines come before it.
     const tool_result no_core = info({"--channel", "nobody_listens"});
@@ -99,12 +97,7 @@ TEST_F(InfoTest, FirstBootReportsSensorsAttributesAndEveryQuery) {
 }
 
 TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
-    // What a first boot wrote, less the type that now stays silent: a name
-    // answered but not listed would make the later boot wait its full 8 s.
-    root.write_file(kListPath,
-                    "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\n"
-                    "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
-                    "stress_detect\nsleep_state\nexercise_detect\n");
+    root.write_file(kListPath, kExampleListWithoutSpo2);
     ASSERT_NO_FATAL_FAILURE(start_sim({"--silent", "spo2"}));
     const tool_result result = info({"--log-level", "info", "--quiet"});
     ASSERT_EQ(0, result.exit_code) << result.err;
@@ -118,10 +111,7 @@ TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
 }
 
 TEST_F(InfoTest, DumpShowsTheConnectionAndTheFactoryAfterDiscovery) {
-    root.write_file(kListPath,
-                    "health\nhealth_async_announce\nstep_counter\ncalorie_burn\nspeed\n"
-                    "floor_counter\nactivity_recognition\nheart_rate\nskin_temperature\n"
-                    "stress_detect\nsleep_state\nexercise_detect\n");
+    root.write_file(kListPath, kExampleListWithoutSpo2);
     // Session 0 leaves its low-power state soon after the connection.
     ASSERT_NO_FATAL_FAILURE(start_sim({"--silent", "spo2", "--low-power", "100:off"}));
     const tool_result result =
@@ -174,6 +164,32 @@ TEST_F(InfoTest, SimulatorRestartEndsTheServiceAsOnTheDevice) {
     EXPECT_EQ(1, result.exit_code);
     EXPECT_THAT(result.err, HasSubstr("POLLHUP event is received"));
     EXPECT_TRUE(sim->wait_for_output("restart: closing the channel", milliseconds(1000)));
+}
+
+// The simulator's command line and its hold on the channel's socket.
+TEST(CoreSimArgumentsTest, BadArgumentsADefaultConfigurationAndASecondSimulatorOnTheSameRoot) {
+    scoped_root root;
+    expect_usage_errors(tool("kivhal-coresim"), "Usage: kivhal-coresim",
+                        {{"--root", root.path(), "--config", kExampleConfig, "--delay-ms", "soon"},
+                         {"--root", root.path(), "--config", kExampleConfig, "--low-power", "100:maybe"},
+                         {"--root", root.host_path("/missing"), "--config", kExampleConfig},
+                         {"--root", root.path(), "--config", "/missing.xml"}});
+    // Without --config it reads the copy beside the program, whatever the working directory.
+    tool_process first(tool("kivhal-coresim"), {"--root", root.path()});
+    ASSERT_TRUE(first.wait_for_output("serving")) << first.out();
+    EXPECT_THAT(first.out(), ::testing::HasSubstr("with 14 sensors from " + tool("oem_config.xml")));
+    const tool_result second = run_program(tool("kivhal-coresim"), {"--root", root.path()});
+    EXPECT_EQ(2, second.exit_code);
+    EXPECT_EQ("kivhal-coresim: " + root.host_path("/dev/ductopkt_vorla_sensors") +
+                  " is served by a running kivhal-coresim already; stop it first or pass another --root or --channel\n",
+              second.err);
+    EXPECT_EQ(0, first.stop(SIGTERM).exit_code);
+    // A socket left by a simulator that died is taken over.
+    tool_process killed(tool("kivhal-coresim"), {"--root", root.path()});
+    ASSERT_TRUE(killed.wait_for_output("serving"));
+    killed.stop(SIGKILL);
+    tool_process next(tool("kivhal-coresim"), {"--root", root.path()});
+    EXPECT_TRUE(next.wait_for_output("serving")) << next.stop(SIGTERM).err;
 }
 
 }  // namespace

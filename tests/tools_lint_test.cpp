@@ -3,9 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
 
-#include "oem_config_fixtures.h"
 #include "test_support.h"
 #include "tool_process.h"
 
@@ -14,6 +12,16 @@ namespace test {
 namespace {
 
 const std::string kLint = tool("kivhal-lint");
+
+// Mistakes the linter only warns about: an unknown attribute, a threshold type
+// read by its prefix, an exercise on a sensor type no data type has.
+constexpr char kWarningsOnlyConfig[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
+    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/></datatypes><goals>
+    <goal data_type_value="0x1"><threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
+    </goal></goals><autoExerciseType>
+    <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
+  </autoExerciseType></configuration>
+)";
 
 // Every line below carries at most one kind of mistake; the test names the
 // line numbers the linter must report.
@@ -55,14 +63,10 @@ void expect_lint(const std::string& contents, int exit_code, const std::string& 
     EXPECT_EQ(verdict, last_line(result.out));
 }
 
-TEST(LintTest, UsageExampleAndUnreadableFiles) {
-    expect_usage_errors(kLint, "Usage: kivhal-lint FILE...", {{}, {"--bogus"}, {"/missing.xml"}});
+TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
     const tool_result example = run_program(kLint, {kExampleConfig});
     EXPECT_EQ(0, example.exit_code);
     EXPECT_EQ("no problems found\n", example.out + example.err);
-}
-
-TEST(LintTest, ReportsEveryMistakeAtItsLine) {
     expect_lint(kBroken, 1, "14 errors, 0 warnings", {
         {2, "error: <datatype> without \"type\": the parser never gets past it"},
         {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
@@ -83,15 +87,13 @@ TEST(LintTest, ReportsEveryMistakeAtItsLine) {
                 {{3, "error: not well-formed XML"}});
     expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1, "1 error, 0 warnings",
                 {{1, "error: no data type is defined"}});
-}
-
-TEST(LintTest, WarningsAloneExitZero) {
     expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings", {{2, "warning: unknown attribute \"colour\""},
         {3, "warning: threshold type \"integer\" is read as \"int\""},
         {5, "warning: sensor type \"exercise\" is no data type's"}});
 }
 
-TEST(LintTest, RefusesWhatCannotBeAConfigurationAtOnce) {
+TEST(LintTest, RefusesBadArgumentsAndWhatCannotBeAConfigurationAtOnce) {
+    expect_usage_errors(kLint, "Usage: kivhal-lint FILE...", {{}, {"--bogus"}, {"/missing.xml"}});
     constexpr off_t kLimit = 16 * 1024 * 1024;
     scoped_root root;
     const std::string pipe = root.host_path("/pipe");
@@ -109,6 +111,85 @@ TEST(LintTest, RefusesWhatCannotBeAConfigurationAtOnce) {
     // At the limit the file is read: zero bytes are no XML, an error finding.
     const tool_result at_limit = run_program(kLint, {root.host_path("/limit.xml")});
     EXPECT_EQ(1, at_limit.exit_code) << at_limit.err;
+}
+
+// One of everything, correct.
+constexpr char kValid[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
+  <datatype sensor_type="hr" type="heart_rate" data_type_value="0x1000"/>
+  <datatype sensor_type="temp" type="skin_temperature" data_type_value="0x1001"/></datatypes><goals>
+  <goal datatype="heart_rate" data_type_value="0x1000"><threshold type="int" type_value="180" comparison_type="LESS_THAN_OR_EQUAL"/></goal></goals>
+  <autoExerciseType><exercisetype type="walk" sensor_type="hr" exercise_num="1" auto_start="true"><datatype type="heart_rate"/></exercisetype>
+  </autoExerciseType></configuration>
+)";
+
+// `kValid` with `from` replaced by `to`.
+std::string with(const std::string& from, const std::string& to) {
+    std::string text = kValid;
+    const size_t at = text.find(from);
+    EXPECT_NE(std::string::npos, at) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+// The configuration schema: what the linter accepts validates, and each error
+// the linter reports is one the schema rejects wherever XML Schema 1.0 can say it.
+TEST(SchemaTest, AgreesWithTheLinterAndLeavesItWhatOnlyItCanSay) {
+    std::string example;
+    ASSERT_TRUE(android::base::ReadFileToString(kExampleConfig, &example));
+    const struct {
+        std::string contents;
+        const char* lint_error;  // nullptr: the linter accepts it
+        bool schema_rejects;
+    } cases[] = {
+        {example, nullptr, false},
+        {kValid, nullptr, false},
+        {kWarningsOnlyConfig, nullptr, false},
+        // Forms the parser reads as tinyxml2 does: words by their prefix,
+        // numbers with trailing text, booleans as numbers and in three cases.
+        {with(R"(type="int" type_value="180" comparison_type="LESS_THAN_OR_EQUAL")",
+              R"(type="integer" type_value="180" comparison_type="LESS_THAN_OR_EQUALS")"), nullptr, false},
+        {with(R"(exercise_num="1" auto_start="true")",
+              R"(exercise_num="0x10" auto_start="1" auto_stop="FALSE" auto_pause="True")"), nullptr, false},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0X10aF\""), nullptr, false},
+        // Errors the schema says too.
+        {"<configuration type=\"x\"><datatypes>", "not well-formed XML", true},
+        {"<settings/>\n", "no <configuration> element", true},
+        {"<configuration type=\"x\"><goals/></configuration>\n", "no data type is defined", true},
+        {with("configuration type=\"KIV_oem_datatype\"", "configuration"), "holds data types but has no \"type\"", true},
+        {with("sensor_type=\"hr\" type=\"heart_rate\"", "type=\"heart_rate\""), "without \"sensor_type\"", true},
+        {with("sensor_type=\"hr\" type=\"heart_rate\"", "sensor_type=\"hr\""), "<datatype> without \"type\"", true},
+        {with("data_type_value=\"0x1001\"", ""), "without \"data_type_value\"", true},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x\""), "has no digits", true},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"1001\""), "lacks the 0x prefix", true},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x10g1\""), "has non-hex digits", true},
+        {with("type=\"int\"", "type=\"double\""), "is not int, float or byte", true},
+        {with("type=\"int\" ", ""), "<threshold> without \"type\"", true},
+        {with("comparison_type=\"LESS_THAN_OR_EQUAL\"", "comparison_type=\"EQUAL\""), "is neither", true},
+        {with("comparison_type=\"LESS_THAN_OR_EQUAL\"", ""), "without \"comparison_type\"", true},
+        {with("exercisetype type=\"walk\"", "exercisetype"), "<exercisetype> without \"type\"", true},
+        {with("sensor_type=\"hr\" exercise_num", "exercise_num"), "<exercisetype> without \"sensor_type\"", true},
+        {with("exercise_num=\"1\"", "exercise_num=\"one\""), "exercise_num \"one\" is not an integer", true},
+        {with("auto_start=\"true\"", "auto_start=\"yes\""), "auto_start \"yes\" is not a boolean", true},
+        // Errors only the linter can say.
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x01000\""), "is defined again", false},
+        {with("<goal datatype=\"heart_rate\" data_type_value=\"0x1000\"", "<goal data_type_value=\"0x1002\""),
+         "which is not defined", false},
+        {with("type=\"int\" type_value=\"180\"", "type=\"byte\""), "byte threshold without \"type_value\"", false},
+        {with("type=\"int\" type_value=\"180\"", "type=\"int\" type_value=\"high\""), "is not an integer", false},
+        {with("type=\"int\" type_value=\"180\"", "type=\"float\" type_value=\"180\""),
+         "threshold type \"float\" on data type 0x1000", false},
+        {with("<datatype type=\"heart_rate\"/>", "<datatype type=\"steps\"/>"), "matches no data type", false},
+    };
+    scoped_root root;
+    const std::string path = root.host_path("/oem_config.xml");
+    for (const auto& c : cases) {
+        root.write_file("/oem_config.xml", c.contents);
+        const tool_result linted = run_program(kLint, {path});
+        EXPECT_EQ(c.lint_error != nullptr ? 1 : 0, linted.exit_code) << linted.out << c.contents;
+        EXPECT_THAT(linted.out, ::testing::HasSubstr(c.lint_error != nullptr ? c.lint_error : ""));
+        const tool_result checked =
+            run_program(KIVHAL_XMLLINT, {"--noout", "--schema", std::string(KIVHAL_SOURCE_DIR) + "/schema/oem_config.xsd", path});
+        EXPECT_EQ(c.schema_rejects, checked.exit_code != 0) << checked.err << c.contents;
+    }
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <climits>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "kivhal/host.h"
 #include "kiv_log.h"
@@ -32,36 +30,23 @@ protected:
     }
     std::string locks() const { return root.read_file("/sys/power/wake_lock"); }
     std::string unlocks() const { return root.read_file("/sys/power/wake_unlock"); }
-    static uint32_t count() { return sns_wakelock::get_instance()->get_state().count; }
-    static bool held() { return sns_wakelock::get_instance()->get_state().held; }
 
     kivhal::test::scoped_root root;
 };
-
-// The scheduler's state of one of this process's threads ('S': asleep).
-char thread_state(pid_t tid) {
-    std::string stat;
-    android::base::ReadFileToString("/proc/self/task/" + std::to_string(tid) + "/stat", &stat);
-    const size_t end = stat.rfind(')');
-    return end == std::string::npos || end + 2 >= stat.size() ? '?' : stat[end + 2];
-}
 
 TEST_F(WakelockTest, LockIsTakenOnFirstReferenceAndDroppedAfterTheLast) {
     create_kernel_files();
     sns_wakelock* wl = sns_wakelock::get_instance();
     EXPECT_EQ(wl, sns_wakelock::get_instance());
-
     wl->get_n_locks(1);
-    EXPECT_EQ(locks(), kName);
     wl->get_n_locks(1);
     wl->put_n_locks(1);
     EXPECT_EQ(locks(), kName);
     EXPECT_EQ(unlocks(), "");
-    EXPECT_TRUE(held());
+    EXPECT_TRUE(wl->get_state().held);
     wl->put_n_locks(1);
     EXPECT_EQ(unlocks(), kName);
-    EXPECT_FALSE(held());
-
+    EXPECT_FALSE(wl->get_state().held);
     wl->get_n_locks(3);
     wl->put_n_locks(3);
     EXPECT_EQ(locks(), kName + kName);
@@ -71,20 +56,16 @@ TEST_F(WakelockTest, LockIsTakenOnFirstReferenceAndDroppedAfterTheLast) {
 TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedAndPutAllDropsTheRest) {
     create_kernel_files();
     sns_wakelock* wl = sns_wakelock::get_instance();
-
     wl->put_n_locks(1);
-    EXPECT_EQ(0u, count());
+    EXPECT_EQ(0u, wl->get_state().count);
     wl->get_n_locks(2);
     wl->get_n_locks(UINT32_MAX);
-    EXPECT_EQ(2u, count());
     wl->put_n_locks(3);
-    EXPECT_EQ(2u, count());
+    EXPECT_EQ(2u, wl->get_state().count);
     EXPECT_EQ(unlocks(), "");
     EXPECT_EQ(3u, log_lines_containing(", _in_count ", ANDROID_LOG_ERROR).size());
-
     wl->put_all();
-    EXPECT_EQ(0u, count());
-    EXPECT_EQ(locks(), kName);
+    EXPECT_EQ(0u, wl->get_state().count);
     EXPECT_EQ(unlocks(), kName);
 }
 
@@ -93,19 +74,18 @@ TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
     for (const std::string path : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) {
         EXPECT_TRUE(kivhal::test::log_contains("fatal error opening \"" + path + "\": ", ANDROID_LOG_ERROR));
     }
-    kivhal::host::clear_captured_log();
+    const auto refusals = [] {
+        return log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP", ANDROID_LOG_ERROR).size();
+    };
     wl->get_n_locks(1);
     wl->get_n_locks(1);
-    EXPECT_EQ(2u, count());
-    EXPECT_FALSE(held());
-    EXPECT_EQ(1u, log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP", ANDROID_LOG_ERROR).size());
-
-    // Not held, so put_all keeps the count.
-    wl->put_all();
-    EXPECT_EQ(2u, count());
+    EXPECT_EQ(2u, wl->get_state().count);
+    EXPECT_EQ(1u, refusals());
+    wl->put_all();  // not held: the count stays
+    EXPECT_EQ(2u, wl->get_state().count);
     wl->put_n_locks(2);
     wl->get_n_locks(1);
-    EXPECT_EQ(2u, log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(2u, refusals());
 }
 
 TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {
@@ -118,8 +98,13 @@ TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {
         wl->wait_for_held();
         woken = true;
     });
-    // The lock is taken only once the waiter sleeps, so only the wake-up can end its wait.
-    ASSERT_TRUE(kivhal::test::eventually([&] { return waiter_tid != 0 && thread_state(waiter_tid) == 'S'; }));
+    // The lock is taken only once the waiter sleeps ('S' in /proc), so only
+    // the wake-up can end its wait.
+    ASSERT_TRUE(kivhal::test::eventually([&] {
+        std::string stat;
+        android::base::ReadFileToString("/proc/self/task/" + std::to_string(waiter_tid) + "/stat", &stat);
+        return waiter_tid != 0 && stat.find(") S ") != std::string::npos;
+    }));
     wl->get_n_locks(1);
     EXPECT_TRUE(kivhal::test::eventually([&] { return woken.load(); }));
     if (woken) {
@@ -133,16 +118,14 @@ TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
     root.write_file("/sys/power/wake_lock", "");
     ASSERT_EQ(symlink("/dev/full", root.host_path("/sys/power/wake_unlock").c_str()), 0);
     sns_wakelock* wl = sns_wakelock::get_instance();
-
     wl->get_n_locks(1);
     wl->put_n_locks(1);
-    EXPECT_TRUE(held());
+    EXPECT_TRUE(wl->get_state().held);
     // Still held: no new lock write for the next reference, another unlock try after it.
     wl->get_n_locks(1);
-    EXPECT_EQ(locks(), kName);
     wl->put_n_locks(1);
-    EXPECT_EQ(2u, log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ",
-                                       ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(locks(), kName);
+    EXPECT_EQ(2u, log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ", ANDROID_LOG_ERROR).size());
 }
 
 TEST_F(WakelockTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {

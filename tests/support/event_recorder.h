@@ -26,27 +26,15 @@ public:
 
     tav_event_cb callback() {
         return [this](const uint8_t* data, uint32_t length, uint64_t timestamp) {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _events.push_back({std::string(reinterpret_cast<const char*>(data), length), timestamp});
-            _changed.notify_all();
+            record([&] { _events.push_back({std::string(reinterpret_cast<const char*>(data), length), timestamp}); });
         };
     }
     tav_resp_cb response_callback() {
-        return [this](uint32_t result, uint64_t client_id) {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _responses.emplace_back(result, client_id);
-            _changed.notify_all();
-        };
+        return [this](uint32_t result, uint64_t client_id) { record([&] { _responses.emplace_back(result, client_id); }); };
     }
-
-    bool wait_for(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
-        std::unique_lock<std::mutex> lock(_mutex);
-        return _changed.wait_for(lock, timeout, [&] { return _events.size() >= count; });
-    }
-    bool wait_responses(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
-        std::unique_lock<std::mutex> lock(_mutex);
-        return _changed.wait_for(lock, timeout, [&] { return _responses.size() >= count; });
-    }
+    // At least `count` events (or responses) within two seconds.
+    bool wait_for(size_t count) { return wait([&] { return _events.size() >= count; }); }
+    bool wait_responses(size_t count) { return wait([&] { return _responses.size() >= count; }); }
 
     std::vector<event> events() const {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -58,6 +46,18 @@ public:
     }
 
 private:
+    template <typename F>
+    void record(F add) {
+        std::lock_guard<std::mutex> lock(_mutex);
+        add();
+        _changed.notify_all();
+    }
+    template <typename F>
+    bool wait(F done) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        return _changed.wait_for(lock, std::chrono::seconds(2), done);
+    }
+
     mutable std::mutex _mutex;
     std::condition_variable _changed;
     std::vector<event> _events;

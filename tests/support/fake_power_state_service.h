@@ -13,33 +13,30 @@
 namespace kivhal {
 namespace test {
 
-class fake_power_state_service
-    : public ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateService {
+class fake_power_state_service : public ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateService {
 public:
     using IPowerStateCallback = ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateCallback;
     using hidl_string = ::android::hardware::hidl_string;
-    template <typename T>
-    using Return = ::android::hardware::Return<T>;
 
     // Registers a fresh fake as the "default" instance.
     static ::android::sp<fake_power_state_service> register_default() {
         ::android::sp<fake_power_state_service> service = new fake_power_state_service();
-        if (service->registerAsService("default") != ::android::OK) {
-            throw std::runtime_error("registering the fake power-state service failed");
-        }
+        if (service->registerAsService("default") != ::android::OK) throw std::runtime_error("cannot register");
         return service;
     }
 
-    Return<bool> registerDeepSleepClient(const ::android::sp<IPowerStateCallback>& callback,
-                                         const hidl_string& name) override {
-        record(registrations, name);
-        std::lock_guard<std::mutex> lock(_mutex);
+    ::android::hardware::Return<bool> registerDeepSleepClient(const ::android::sp<IPowerStateCallback>& callback,
+                                                              const hidl_string& name) override {
+        std::lock_guard<std::mutex> lock(record(registrations, name));
         if (registration_accepted) _callback = callback;
         return registration_accepted.load();
     }
-    Return<void> acquireLPMWakelock(const hidl_string& name) override { return wakelock_call(acquires, name); }
-    Return<void> releaseLPMWakelock(const hidl_string& name) override { return wakelock_call(releases, name); }
-
+    ::android::hardware::Return<void> acquireLPMWakelock(const hidl_string& name) override {
+        return wakelock_call(acquires, name);
+    }
+    ::android::hardware::Return<void> releaseLPMWakelock(const hidl_string& name) override {
+        return wakelock_call(releases, name);
+    }
     ::android::sp<IPowerStateCallback> registered_callback() const {
         std::lock_guard<std::mutex> lock(_mutex);
         return _callback;
@@ -50,18 +47,18 @@ public:
         return _client_names;
     }
 
-    // What the next calls answer.
-    std::atomic<bool> registration_accepted{true};
-    std::atomic<bool> wakelock_calls_fail{false};
+    // What the next calls answer, and the calls so far.
+    std::atomic<bool> registration_accepted{true}, wakelock_calls_fail{false};
     std::atomic<int> registrations{0}, acquires{0}, releases{0};
 
 private:
-    void record(std::atomic<int>& counter, const hidl_string& name) {
+    std::mutex& record(std::atomic<int>& counter, const hidl_string& name) {
         std::lock_guard<std::mutex> lock(_mutex);
         _client_names += std::string(name) + ";";
         ++counter;
+        return _mutex;
     }
-    Return<void> wakelock_call(std::atomic<int>& counter, const hidl_string& name) {
+    ::android::hardware::Return<void> wakelock_call(std::atomic<int>& counter, const hidl_string& name) {
         record(counter, name);
         if (!wakelock_calls_fail) return ::android::hardware::Void();
         using ::android::hardware::Status;

@@ -1,24 +1,16 @@
 #pragma once
 
 // An in-process stand-in for the connection: it decodes every request the way
-// the sensor core would and answers on its own thread, like the connection's
-// reader thread delivers the core's reports.
+// the sensor core would and answers it at once, on the sender's thread.
 //
 // Lookups (512) of configured types get a lookup event (768); unknown types get
 // no answer. Attribute requests (1) of sensors set to answer get an empty
 // attribute event (128). A disable request (10) drops that sensor's
-// registration, as the connection does; answers already queued still arrive.
-// Attribute answers can be held back and delivered later, as a slow core
-// answers after discovery gave up waiting.
+// registration, as the connection does.
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -49,50 +41,22 @@ struct fake_request {
 
 class fake_tav_interface : public tav_interface {
 public:
-    fake_tav_interface() : _thread([this] { run(); }) {}
-    ~fake_tav_interface() override { stop(); }
-
-    int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
-                    tav_event_cb event_cb) override;
+    int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb, tav_event_cb event_cb) override;
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
 
     // Lookups of `data_type` are answered with `suids`, in request order; with
     // `attributes`, so are those sensors' attribute requests.
-    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
-                         bool attributes = false);
-    std::vector<fake_request> requests() const;
-    // From now on attribute answers are kept until deliver_held_answers().
-    void hold_attribute_answers();
-    void deliver_held_answers();
-    // Stops answering; nothing is delivered afterwards.
-    void stop();
-    // Waits until every answer queued so far has been delivered, at most
-    // `timeout`: an answer whose handler waits for a lock the caller holds
-    // is left for later, as it would be on a real core.
-    void wait_idle(std::chrono::milliseconds timeout);
+    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids, bool attributes = false);
+    const std::vector<fake_request>& requests() const { return _requests; }
 
-    static std::string make_lookup_event(const std::string& data_type,
-                                         const std::vector<sensor_uid>& suids);
-    static std::string make_event_msg(sensor_uid suid,
-                                      const std::vector<std::pair<uint32_t, std::string>>& events);
+    static std::string make_lookup_event(const std::string& data_type, const std::vector<sensor_uid>& suids);
+    static std::string make_event_msg(sensor_uid suid, const std::vector<std::pair<uint32_t, std::string>>& events);
 
 private:
-    // The encoded answer to `request`, empty for none; called with _mutex held.
-    std::string answer(const fake_request& request) const;
-    void run();
-
-    mutable std::mutex _mutex;
-    std::condition_variable _wake;
-    bool _stopping = false;
-    bool _holding = false;
-    bool _delivering = false;
     std::vector<fake_request> _requests;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
     std::unordered_set<sensor_uid, sensor_uid_hash> _with_attributes;
-    std::deque<std::pair<tav_event_cb, std::string>> _queue;
-    std::deque<std::pair<tav_event_cb, std::string>> _held;
-    std::thread _thread;
 };
 
 // Puts discovery's process-wide state back to its load-time values, so test

@@ -1,6 +1,6 @@
-// The tests' main. After every case, each line the case left in the captured
-// log must name the operation whose work it reports: a file-local helper or a
-// lambda logs under its operation's name, never its own.
+// The tests' main. Every case starts with an empty captured log, and each line
+// it leaves there must name the operation whose work it reports: a file-local
+// helper or a lambda logs under its operation's name, never its own.
 #include <gmock/gmock.h>
 
 #include <cctype>
@@ -48,6 +48,7 @@ bool attributed(const std::string& text) {
 }
 
 class attribution_check : public ::testing::EmptyTestEventListener {
+    void OnTestStart(const ::testing::TestInfo&) override { kivhal::host::clear_captured_log(); }
     void OnTestEnd(const ::testing::TestInfo&) override {
         int reported = 0;
         for (const kivhal::host::log_line& line : kivhal::host::captured_log()) {

@@ -1,17 +1,14 @@
 #pragma once
 
 // Discovery on virtual time: every sleep and timed wait returns at once and
-// moves the clock on by its length, after the in-process core has delivered
-// what it owes (`settle`), as a core that answers within any of discovery's
-// pauses would. Installed for its lifetime.
+// moves the clock on by its length, as against a core whose answers are all
+// in by then. Installed for its lifetime.
 
 #include <errno.h>
 #include <pthread.h>
 
 #include <cstdint>
-#include <functional>
 #include <mutex>
-#include <utility>
 #include <vector>
 
 #include "discovery_util.h"
@@ -24,9 +21,7 @@ public:
     // Starts well away from zero: discovery treats a time stamp of 0 as none.
     static constexpr int64_t kStartNs = 1000LL * 1000 * 1000 * 1000;
 
-    explicit virtual_clock(std::function<void()> settle = nullptr) : _settle(std::move(settle)) {
-        discovery::set_clock(this);
-    }
+    virtual_clock() { discovery::set_clock(this); }
     ~virtual_clock() override { discovery::set_clock(nullptr); }
     virtual_clock(const virtual_clock&) = delete;
     virtual_clock& operator=(const virtual_clock&) = delete;
@@ -36,40 +31,27 @@ public:
         return _now;
     }
     int sleep_ns(int64_t ns) override {
-        settle();
         pass(ns);
         return 0;
     }
     // Always runs to its time-out; the caller looks at its flag afterwards.
-    int timed_wait_ns(pthread_cond_t*, pthread_mutex_t* mutex, int64_t ns) override {
-        pthread_mutex_unlock(mutex);
-        settle();
-        pthread_mutex_lock(mutex);
+    int timed_wait_ns(pthread_cond_t*, pthread_mutex_t*, int64_t ns) override {
         pass(ns);
         return ETIMEDOUT;
     }
-
     // Every pause so far, in nanoseconds, in order.
     std::vector<int64_t> pauses() const {
         std::lock_guard<std::mutex> lock(_mutex);
         return _pauses;
     }
-    int64_t elapsed_ns() const {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _now - kStartNs;
-    }
 
 private:
-    void settle() {
-        if (_settle) _settle();
-    }
     void pass(int64_t ns) {
         std::lock_guard<std::mutex> lock(_mutex);
         _now += ns;
         _pauses.push_back(ns);
     }
 
-    std::function<void()> _settle;
     mutable std::mutex _mutex;
     int64_t _now = kStartNs;
     std::vector<int64_t> _pauses;

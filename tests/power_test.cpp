@@ -1,5 +1,6 @@
-// The sensorstore partition behind a live connection: walking and replaying
-// stored packets, the header reset, the write loop, and corrupt partitions.
+// The power subsystem behind a live connection: the sensorstore partition
+// (walking and replaying stored packets, the header reset, the write loop,
+// corrupt partitions) and the low-power-state indications.
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,8 +8,10 @@
 #include <map>
 
 #include "connection_test_fixture.h"
+#include "fake_power_state_service.h"
 #include "sensorstore_image.h"
 #include "sensorstore_partition.h"
+#include "sns_low_power_state_handler.h"
 
 namespace kivhal {
 namespace test {
@@ -103,18 +106,7 @@ TEST_F(sensor_store_test, ConnectResetsTheHeaderAndTheExampleIsReplayedOnThisThr
 // Headers that disagree with the message, and corrupt partitions: the walk
 // stays inside what is mapped, replays what lies before the damage and ends
 // with an error line naming it.
-struct walk_case {
-    std::string name;
-    sensorstore_image image;
-    size_t file_size;  // 0: as long as the image
-    uint32_t total;    // the message's count; nothing in shared memory
-    std::string reason;
-    size_t replayed;
-};
-
-void PrintTo(const walk_case& c, std::ostream* os) { *os << c.name; }
-
-std::vector<walk_case> walk_cases() {
+TEST_F(sensor_store_test, CorruptPartitionsAreWalkedInsideTheMappingAndEndWithAnErrorLine) {
     const bytes record = jumbo("sample");
     const uint32_t one = static_cast<uint32_t>(8 + 4 + record.size());  // header and one record
     bytes too_long = record;
@@ -124,34 +116,36 @@ std::vector<walk_case> walk_cases() {
         .add_record(kForeignHash, make_stored_packet(0x22, 40))
         .add_record(kForeignHash, make_stored_packet(0x22, 56));
     const uint32_t area = foreign.area_len();
-    return {
-        {"HeaderShorterThanTheMessage", sensorstore_image().add_record(kOwnHash, record), one + 20, one - 8 + 20,
+    const struct {
+        sensorstore_image image;
+        size_t file_size;  // 0: as long as the image
+        uint32_t total;    // the message's count; nothing in shared memory
+        std::string reason;
+        size_t replayed;
+    } cases[] = {
+        {sensorstore_image().add_record(kOwnHash, record), one + 20, one - 8 + 20,
          "data is missing emmc_byte_count(" + n(one) + ") write_info_byte_count(" + n(one + 20) + ")", 1},
-        {"HeaderLongerThanTheMessage", sensorstore_image().add_record(kOwnHash, record).add_record(kOwnHash, record),
-         0, one - 8, "record at emmc_trvsd_len(" + n(one) + ") lies past the " + n(one) + " readable bytes", 1},
-        {"WalkOvershootingDataLen", sensorstore_image(foreign).set_data_len(area - 2), 0, area - 8,
+        {sensorstore_image().add_record(kOwnHash, record).add_record(kOwnHash, record), 0, one - 8,
+         "record at emmc_trvsd_len(" + n(one) + ") lies past the " + n(one) + " readable bytes", 1},
+        {sensorstore_image(foreign).set_data_len(area - 2), 0, area - 8,
          "parsing FAILED, emmc_byte_count(" + n(area - 2) + "), emmc_trvsd_len(" + n(area) + ")", 0},
-        {"LengthPastTheEnd", sensorstore_image().add_record(kOwnHash, too_long), 0, one - 8,
-         "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the", 0},
-        {"ZeroLength", sensorstore_image().add_record(kOwnHash, record).add_raw(bytes(40, 0)).set_data_len(0xfffffff0u),
-         0, one + 40 - 8, "lps_pkt_len(0) at emmc_trvsd_len(" + n(one) + ") is shorter than a packet head", 1},
-        {"TruncatedFile", sensorstore_image().add_record(kOwnHash, record).set_data_len(one + 4096), 0,
-         one - 8 + 4096, "partition size(" + n(one) + ") is smaller than write_info_byte_count(" + n(one + 4096) + ")", 1},
+        {sensorstore_image().add_record(kOwnHash, too_long), 0, one - 8, "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the", 0},
+        {sensorstore_image().add_record(kOwnHash, record).add_raw(bytes(40, 0)).set_data_len(0xfffffff0u), 0,
+         one + 40 - 8, "lps_pkt_len(0) at emmc_trvsd_len(" + n(one) + ") is shorter than a packet head", 1},
+        {sensorstore_image().add_record(kOwnHash, record).set_data_len(one + 4096), 0, one - 8 + 4096,
+         "partition size(" + n(one) + ") is smaller than write_info_byte_count(" + n(one + 4096) + ")", 1},
     };
+    for (const auto& c : cases) {
+        const size_t before = accel.events().size();
+        c.image.write(root, c.file_size);
+        process(c.total, 0);
+        EXPECT_TRUE(log_contains(c.reason, ANDROID_LOG_ERROR)) << c.reason;
+        const std::vector<std::string> all = replayed();
+        EXPECT_EQ(std::vector<std::string>(c.replayed, stored_event("sample")),
+                  std::vector<std::string>(all.begin() + before, all.end())) << c.reason;
+        EXPECT_EQ(1u, header().reset_data_len) << c.reason;
+    }
 }
-
-class sensor_store_walk_test : public sensor_store_test, public ::testing::WithParamInterface<walk_case> {};
-
-TEST_P(sensor_store_walk_test, StaysInsideTheMappingAndEndsWithAnErrorLine) {
-    GetParam().image.write(root, GetParam().file_size);
-    process(GetParam().total, 0);
-    EXPECT_TRUE(log_contains(GetParam().reason, ANDROID_LOG_ERROR)) << GetParam().reason;
-    EXPECT_EQ(std::vector<std::string>(GetParam().replayed, stored_event("sample")), replayed());
-    EXPECT_EQ(1u, header().reset_data_len);
-}
-
-INSTANTIATE_TEST_SUITE_P(Partitions, sensor_store_walk_test, ::testing::ValuesIn(walk_cases()),
-                         [](const auto& info) { return info.param.name; });
 
 TEST_F(sensor_store_test, HeaderResetAndWriteInfoNeedOnDeviceAnalysis) {
     // Header bytes 4-5 are what a channel read would take for a packet length.
@@ -226,15 +220,6 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
     EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
 }
 
-TEST(sensor_store_partition, ChannelHashWeighsEachCharacterByItsPosition) {
-    EXPECT_EQ(4758u, sensorstore_channel_hash("ab", 2));
-    EXPECT_EQ(4660u, sensorstore_channel_hash("z", 1));
-    EXPECT_EQ(4660u, sensorstore_channel_hash(nullptr, 5));
-    EXPECT_EQ(4758u, sensorstore_channel_hash("abc", 2));  // bounded by the length
-    EXPECT_EQ(4660u, sensorstore_channel_hash("a\0c", 3));  // and by the first NUL
-    EXPECT_EQ(4660u + 255u, sensorstore_channel_hash("a\xff", 2));  // bytes are unsigned
-}
-
 TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTheRest) {
     const bytes area = sensorstore_image().add_record(7, make_stored_packet(0x22, 40)).bytes();
     sensorstore_record record;
@@ -251,6 +236,116 @@ TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTh
     record.packet_readable = large.size();
     copy_sensorstore_packet(record, &packet);
     EXPECT_EQ(0, memcmp(&packet, large.data(), sizeof(packet)));
+}
+
+// --- Low-power-state indications: the session table, the aggregate and the
+// power-state service's wake lock, over a live connection and at the client.
+
+using handler = sns_low_power_state_handler;
+constexpr auto kOff = SNS_LOW_POWER_STATE_OFF;
+constexpr auto kOn = SNS_LOW_POWER_STATE_ON;
+
+class low_power_test : public connection_test {
+protected:
+    void SetUp() override {
+        connection_test::SetUp();
+        host::set_property("persist.vendor.kiv.ds", "true");
+    }
+    // A connection whose table holds sessions 3 and 5.
+    void connect_with_sessions() {
+        ASSERT_NO_FATAL_FAILURE(connect());
+        ASSERT_EQ(0, register_sensor(kAccel, accel));
+        send(kAccel, 513, 3);
+        send(kAccel, 513, 5);
+        ASSERT_TRUE(core->wait_for_requests(2, kWait));
+    }
+    void handle(uint8_t msg_id, uint8_t session_id) {
+        sns_aon_client_low_pwr_state_ind_msg_v01 msg = {msg_id, session_id, {}};
+        ducto()->tav_handle_low_power_state_msg(&msg);
+    }
+    std::string sessions() {
+        const std::string dump = dump_of(*conn);
+        const size_t at = dump.find("  low-power sessions:");
+        return dump.substr(at, dump.find("  wake lock") - at);
+    }
+};
+
+TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsTheWakeLock) {
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
+    ASSERT_TRUE(eventually([&] { return sessions().find("session 5: off") != std::string::npos; }));
+
+    auto service = fake_power_state_service::register_default();
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
+    ASSERT_TRUE(eventually([&] { return service->acquires == 1; }));
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOn, 5)));
+    ASSERT_TRUE(eventually([&] { return service->releases == 1; }));
+    EXPECT_EQ("  low-power sessions: 2, aggregate on\n    session 3: on\n    session 5: on\n", sessions());
+    EXPECT_EQ(1, service->registrations);
+    EXPECT_EQ(1, service->acquires);
+}
+
+TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesChangeNothing) {
+    auto service = fake_power_state_service::register_default();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
+    handle(kOff, 9);  // unknown session: not added, nothing else happens
+    EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR).size());
+    handle(3, 5);  // unknown message id
+    EXPECT_THAT(sessions(), HasSubstr("sessions: 2, aggregate on\n"));
+    EXPECT_EQ(0, service->acquires);
+
+    handle(kOff, 3);
+    handle(kOff, 5);
+    handle(kOn, 5);  // 3 still needs the processor
+    EXPECT_THAT(sessions(), HasSubstr("aggregate off\n"));
+    EXPECT_EQ(1, service->acquires);
+    EXPECT_EQ(0, service->releases);
+    handle(kOn, 3);
+    EXPECT_THAT(sessions(), HasSubstr("aggregate on\n"));
+    EXPECT_EQ(1, service->releases);
+}
+
+TEST_F(low_power_test, SensorStoreSwitchedOffDropsEveryMessage) {
+    host::set_property("persist.vendor.kiv.ds", "false");
+    auto service = fake_power_state_service::register_default();
+    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
+    for (uint8_t id : {0, 1, 2}) handle(id, 5);
+    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int DS is not supported", ANDROID_LOG_ERROR).size());
+    EXPECT_THAT(sessions(), HasSubstr("session 5: on\n"));
+    EXPECT_EQ(0, service->registrations);
+}
+
+TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnceItSucceeds) {
+    auto service = fake_power_state_service::register_default();
+    service->registration_accepted = false;
+    EXPECT_EQ(nullptr, handler::get_sns_low_power_state_handler());
+    service->registration_accepted = true;
+    handler* instance = handler::get_sns_low_power_state_handler();
+    ASSERT_NE(nullptr, instance);
+    EXPECT_EQ(instance, handler::get_sns_low_power_state_handler());
+    EXPECT_EQ(2, service->registrations);
+    EXPECT_NE(nullptr, service->registered_callback());
+    handler::release_wakelock();  // nothing held: nothing sent
+    EXPECT_TRUE(handler::acquire_wakelock());
+    EXPECT_TRUE(handler::acquire_wakelock());
+    handler::release_wakelock();
+    handler::release_wakelock();
+    EXPECT_EQ(1, service->acquires);
+    EXPECT_EQ(1, service->releases);
+    EXPECT_EQ("MRSENSORS_KIV;MRSENSORS_KIV;MRSENSORS_KIV;MRSENSORS_KIV;", service->client_names());
+
+    // A failed call leaves the client's flag as it was, so the next is sent again.
+    service->wakelock_calls_fail = true;
+    EXPECT_FALSE(handler::acquire_wakelock());
+    service->wakelock_calls_fail = false;
+    EXPECT_TRUE(handler::acquire_wakelock());
+    EXPECT_EQ(3, service->acquires);
+    service->wakelock_calls_fail = true;
+    handler::release_wakelock();
+    service->wakelock_calls_fail = false;
+    handler::release_wakelock();
+    handler::release_wakelock();
+    EXPECT_EQ(3, service->releases);
 }
 
 }  // namespace
