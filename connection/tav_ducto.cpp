@@ -72,6 +72,11 @@ tav_ducto::tav_ducto(tav_ducto_config config)
         }
         throw;
     }
+    // Last, so that only a connection whose destructor will run is a host.
+    if (_wakelock->holdoff_ms() > 0) {
+        _worker.serve_holdoff(_wakelock);
+        _wakelock->add_timer_host(&_worker);
+    }
 }
 
 tav_ducto::~tav_ducto() {
@@ -79,6 +84,9 @@ tav_ducto::~tav_ducto() {
     _is_closing = true;
     g_ducto_err_cnt = 0;
     ducto_disconnect(true);
+    // Before the worker stops: a pending release moves to another host or is
+    // written now.
+    if (_wakelock->holdoff_ms() > 0) _wakelock->remove_timer_host(&_worker);
     destroy_map_table();
     {
         kivhal::lock_guard lock(_s_mutex);
@@ -307,6 +315,8 @@ void tav_ducto::ducto_error_handler(int error) {
         KIV_LOGD("TAV_DUCTO_int Inside POLLHUP error handler");
         _is_reconnecting = true;
         ducto_disconnect(false);
+        // The kernel keeps a named lock after its process is gone.
+        if (_wakelock != nullptr) _wakelock->flush_deferred_release();
         // Status 1 as exit(1) gives it, without running static destructors
         // under the service's other threads, which may still be using them.
         fflush(nullptr);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,7 +49,10 @@ any other request until it is disabled. It offers "registry", "health",
                         MS:on|off[:SESSION],... (session 0 by default)
   --write-info MS       write a sensorstore image under the root and send a
                         write-info message MS milliseconds after each connection
-  --report-ms MS        period of streamed reports (default: 200)
+  --report-ms MS        period of streamed reports (default: 200; 0: as fast
+                        as the channel takes them)
+  --repeat-ms MS        send the --low-power and --write-info messages again
+                        every MS milliseconds while a client is connected
   --verbose             print one line per request handled
   --help                show this help
 )";
@@ -133,7 +137,8 @@ int run(int argc, char** argv) {
             options.write_info_after = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--report-ms") {
             options.report_period = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
-            if (options.report_period.count() == 0) throw usage_error("option --report-ms must be positive");
+        } else if (arg == "--repeat-ms") {
+            options.repeat_every = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else {
@@ -173,6 +178,7 @@ int run(int argc, char** argv) {
     int signal_number = 0;
     sigwait(&stop_signals, &signal_number);
     printf("%s: stopped by signal %d\n", kTool, signal_number);
+    printf("%s: %" PRIu64 " reports sent\n", kTool, core.reports_sent());
     return 0;
 }
 
