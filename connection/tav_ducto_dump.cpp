@@ -34,6 +34,8 @@ struct connection_snapshot {
     uint8_t aggregate = SNS_LOW_POWER_STATE_ON;
     bool has_wakelock = false;
     sns_wakelock::state wakelock = {0, false};
+    bool has_capture = false;
+    kivhal::connection::channel_capture::status capture = {"", false, 0};
 };
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -77,6 +79,13 @@ std::string format_connection(const void* conn, const connection_snapshot& s) {
         appendf(&out, "  wake lock: %u references, %s\n", s.wakelock.count,
                 s.wakelock.held ? "held" : "not held");
     }
+    if (!s.has_capture) {
+        appendf(&out, "  capture: off\n");
+    } else {
+        appendf(&out, "  capture: %s, \"%s\", %llu records written\n",
+                s.capture.on ? "on" : "off after an error", s.capture.path.c_str(),
+                static_cast<unsigned long long>(s.capture.records));
+    }
     return out;
 }
 
@@ -117,6 +126,10 @@ void tav_ducto::dump(int fd) {
     if (_wakelock != nullptr) {
         s.has_wakelock = true;
         s.wakelock = _wakelock->get_state();
+    }
+    if (_capture) {
+        s.has_capture = true;
+        s.capture = _capture->get_status();
     }
     kivhal::dump::write_fully(fd, format_connection(this, s));
 }
