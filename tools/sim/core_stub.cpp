@@ -144,6 +144,13 @@ std::vector<recorded_request> core_stub::requests() const {
     return _requests;
 }
 
+std::vector<recorded_request> core_stub::take_requests() {
+    kivhal::lock_guard lock(_mutex);
+    std::vector<recorded_request> taken;
+    taken.swap(_requests);
+    return taken;
+}
+
 size_t core_stub::request_count() const {
     kivhal::lock_guard lock(_mutex);
     return _requests.size();

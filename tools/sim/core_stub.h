@@ -108,6 +108,8 @@ public:
     // True once at least `count` requests have arrived since the last clear.
     bool wait_for_requests(size_t count, std::chrono::milliseconds timeout);
     std::vector<recorded_request> requests() const;
+    // Moves out every request recorded since the last clear or take.
+    std::vector<recorded_request> take_requests();
     size_t request_count() const;
     void clear_requests();
 
