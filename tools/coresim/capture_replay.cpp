@@ -104,7 +104,22 @@ std::string image_text(const std::vector<uint8_t>& image) {
     return std::to_string(image.size()) + " bytes";
 }
 
+void write_sensorstore(const std::string& path, const std::vector<uint8_t>& image) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
+    if (!out) throw tool_error("cannot write the sensorstore image " + path);
+}
+
 }  // namespace
+
+void prepare_partition(const std::string& path) {
+    std::error_code error;
+    if (std::filesystem::exists(path, error)) return;
+    const uint32_t header[2] = {0, kNoDataResetField};
+    write_sensorstore(path, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(header),
+                                                 reinterpret_cast<const uint8_t*>(header) + sizeof(header)));
+}
 
 // Lengths come last: a changed name is a better answer than the length it
 // changes.
@@ -161,8 +176,10 @@ public:
 
     int run() {
         const auto start = steady_clock::now();
-        prepare_partition();
-        if (!wait([&] { return _core.wait_connected(kPollSlice); })) return stopped("before the library connected");
+        // A library that connected and hung up at once was connected too.
+        if (!wait([&] { return _core.wait_connected(kPollSlice) || _core.connections() > 0; })) {
+            return stopped("before the library connected");
+        }
         _last_time = steady_clock::now();
         _last_ts = _capture.records.empty() ? 0 : _capture.records.front().timestamp_ns;
         for (size_t i = 0; i < _capture.records.size(); ++i) {
@@ -271,21 +288,7 @@ private:
         if (_options.verbose) printf("%s: sensorstore image of %s written\n", kTool, image_text(image).c_str());
     }
 
-    // Connecting with on-device analysis on reads the header: it must exist.
-    void prepare_partition() {
-        std::error_code error;
-        if (std::filesystem::exists(_options.partition_path, error)) return;
-        const uint32_t header[2] = {0, kNoDataResetField};
-        write_partition(std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(header),
-                                             reinterpret_cast<const uint8_t*>(header) + sizeof(header)));
-    }
-
-    void write_partition(const std::vector<uint8_t>& image) {
-        std::filesystem::create_directories(std::filesystem::path(_options.partition_path).parent_path());
-        std::ofstream out(_options.partition_path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
-        if (!out) throw tool_error("cannot write the sensorstore image " + _options.partition_path);
-    }
+    void write_partition(const std::vector<uint8_t>& image) { write_sensorstore(_options.partition_path, image); }
 
     std::string at(const capture_record& record) const {
         std::string text = "at packet " + std::to_string(record.frame);

@@ -34,6 +34,10 @@ std::vector<request_field> describe_request(const std::vector<uint8_t>& packet);
 std::string first_difference(const std::vector<uint8_t>& recorded,
                              const std::vector<uint8_t>& actual);
 
+// Connecting with on-device analysis on reads the partition's header: an
+// empty one is made when none is there.
+void prepare_partition(const std::string& path);
+
 // Plays `capture` over `core` (listening already) until the library closes
 // the channel after the last record. Prints the divergence or the one-line
 // summary; returns the exit status: 0 as recorded, 1 diverged or stopped by

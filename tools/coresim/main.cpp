@@ -138,6 +138,7 @@ int replay(replay_options options, std::string channel) {
     if (channel.empty()) channel = recorded.channel.empty() ? "sensors" : recorded.channel;
     socket_path_of(channel);
     options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
+    prepare_partition(options.partition_path);
     const size_t requests = static_cast<size_t>(std::count_if(
         recorded.records.begin(), recorded.records.end(),
         [](const capture_record& r) { return r.outbound && !r.sensorstore; }));
