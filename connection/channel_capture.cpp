@@ -120,8 +120,12 @@ std::unique_ptr<channel_capture> channel_capture::open(const std::string& path,
     return capture;
 }
 
-channel_capture::channel_capture(std::string path, std::string channel_name, uint64_t rotate_bytes)
-    : _path(std::move(path)), _channel_name(std::move(channel_name)), _rotate_bytes(rotate_bytes) {}
+channel_capture::channel_capture(std::string path, const std::string& channel_name,
+                                 uint64_t rotate_bytes)
+    : _path(std::move(path)),
+      _rotated_path(_path + kRotatedSuffix),
+      _section_start(section_start(channel_name)),
+      _rotate_bytes(rotate_bytes) {}
 
 // Refuses anything but a regular file of this user (another user's file
 // would leak health data to them), makes it private, moves an earlier
@@ -151,19 +155,17 @@ bool channel_capture::start_file(android::base::unique_fd fd) {
     _file_bytes = 0;
     if (st.st_size > 0) return rotate();
 
-    const std::string start = section_start(_channel_name);
-    const ssize_t n = TEMP_FAILURE_RETRY(write(_fd.get(), start.data(), start.size()));
-    if (n != static_cast<ssize_t>(start.size())) {
+    const ssize_t n = TEMP_FAILURE_RETRY(write(_fd.get(), _section_start.data(), _section_start.size()));
+    if (n != static_cast<ssize_t>(_section_start.size())) {
         switch_off("write failed", n < 0 ? errno : 0);
         return false;
     }
-    _file_bytes = start.size();
+    _file_bytes = _section_start.size();
     return true;
 }
 
 bool channel_capture::rotate() {
-    const std::string rotated = _path + kRotatedSuffix;
-    if (rename(_path.c_str(), rotated.c_str()) != 0) {
+    if (rename(_path.c_str(), _rotated_path.c_str()) != 0) {
         switch_off("cannot be rotated", errno);
         return false;
     }

@@ -72,7 +72,7 @@ public:
     status get_status() const EXCLUDES(_mutex);
 
 private:
-    channel_capture(std::string path, std::string channel_name, uint64_t rotate_bytes);
+    channel_capture(std::string path, const std::string& channel_name, uint64_t rotate_bytes);
     bool start_file(android::base::unique_fd fd) REQUIRES(_mutex);
     bool rotate() REQUIRES(_mutex);
     void append(capture_interface interface, uint32_t flags, int64_t timestamp_ns,
@@ -80,7 +80,9 @@ private:
     void switch_off(const char* what, int error) REQUIRES(_mutex);
 
     const std::string _path;
-    const std::string _channel_name;
+    // Made once, so a rotation on the hot path allocates nothing.
+    const std::string _rotated_path;
+    const std::string _section_start;
     const uint64_t _rotate_bytes;
     // Tested before the lock, so a capture switched off costs no lock.
     std::atomic<bool> _on{false};
