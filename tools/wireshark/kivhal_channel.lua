@@ -64,7 +64,11 @@ local info = {}
 local function protobuf_message(tvb, pinfo, tree, message_type)
     if tvb:len() == 0 then return end
     pinfo.private["pb_msg_type"] = "message," .. message_type
-    protobuf:call(tvb:tvb(), pinfo, tree)
+    -- A payload that is no such message is marked there; the framing and
+    -- the rest of the packet are still shown.
+    if not pcall(protobuf.call, protobuf, tvb:tvb(), pinfo, tree) then
+        tree:add_expert_info(PI_MALFORMED, PI_WARN, "not a valid " .. message_type)
+    end
 end
 
 -- Protobuf fields of one message, to find the nested byte payloads.
