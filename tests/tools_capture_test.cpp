@@ -41,14 +41,19 @@ std::string attribute_request(bool stream_updates) {
     return envelope.SerializeAsString();
 }
 
-// The low-power part of the connection's dump: what the indications left.
-std::string sessions_of(tav_interface& conn) {
+std::string dump_of(tav_interface& conn) {
     char path[] = "/tmp/kivhal-dump-XXXXXX";
     android::base::unique_fd fd(mkstemp(path));
     conn.dump(fd.get());
     unlink(path);
     std::string text(8192, '\0');
     text.resize(static_cast<size_t>(pread(fd.get(), &text[0], text.size(), 0)));
+    return text;
+}
+
+// The low-power part of the connection's dump: what the indications left.
+std::string sessions_of(tav_interface& conn) {
+    const std::string text = dump_of(conn);
     const size_t from = text.find("  low-power sessions");
     return text.substr(from, text.find("  wake lock") - from);
 }
@@ -155,6 +160,7 @@ void send_raw(const std::string& socket_path, const std::vector<uint8_t>* packet
 }
 
 TEST_F(CaptureTest, AChangedRequestIsADivergenceNamingTheField) {
+    expect_refused_at_once(kSim, {"--root", root.path(), "--replay", kExampleConfig});
     ASSERT_NO_FATAL_FAILURE(record());
     const tools::capture recorded = tools::read_capture(capture);
     ASSERT_TRUE(recorded.records.at(0).outbound);
@@ -236,6 +242,8 @@ TEST_F(CaptureTest, HostilePathsAndAFullDiskLogOnceAndCarryOn) {
         const auto lines = log_lines_containing("TAV_DUCTO capture to " + path, ANDROID_LOG_ERROR);
         ASSERT_EQ(1u, lines.size()) << path;
         EXPECT_TRUE(contains(lines[0].text, line) && contains(lines[0].text, "capture off")) << lines[0].text;
+        EXPECT_TRUE(contains(dump_of(*conn), path == limited ? "  capture: off after an error, \"" + path
+                                                             : std::string("  capture: off\n")));
         conn.reset();
     }
     struct stat st;
