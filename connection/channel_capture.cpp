@@ -153,7 +153,13 @@ bool channel_capture::start_file(android::base::unique_fd fd) {
     }
     _fd = std::move(fd);
     _file_bytes = 0;
-    if (st.st_size > 0) return rotate();
+    if (static_cast<uint64_t>(st.st_size) > _section_start.size()) return rotate();
+    // No records: a connection that never came up. Moving it aside would
+    // replace the previous session's file, which a crash loop needs most.
+    if (st.st_size > 0 && ftruncate(_fd.get(), 0) != 0) {
+        switch_off("cannot be truncated", errno);
+        return false;
+    }
 
     const ssize_t n = TEMP_FAILURE_RETRY(write(_fd.get(), _section_start.data(), _section_start.size()));
     if (n != static_cast<ssize_t>(_section_start.size())) {

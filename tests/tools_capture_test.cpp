@@ -282,6 +282,13 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
         EXPECT_EQ(0600u, st.st_mode & 0777);
     }
     EXPECT_EQ("sensors", current.channel);
+
+    // A new connection moves the session aside; one that never wrote a record
+    // does not, so the session is still there after a failed start.
+    for (int start = 0; start < 2; ++start) ASSERT_TRUE(connection::channel_capture::open(path, "sensors"));
+    const tools::capture kept = tools::read_capture(path + ".1");
+    ASSERT_FALSE(kept.records.empty());
+    EXPECT_EQ(kPackets - 1, kept.records.back().bytes[0]);
 }
 
 }  // namespace
