@@ -10,6 +10,7 @@
 #include "config_linter.h"
 #include "fuzz_support.h"
 #include "sensorstore_dump.h"
+#include "tool_cli.h"
 
 namespace {
 
