@@ -5,6 +5,7 @@
 #include <cutils/trace.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utils/SystemClock.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -61,6 +62,7 @@ tav_ducto::tav_ducto(tav_ducto_config config)
         KIV_LOGE("TAV_DUCTO_int no channel name");
         throw ducto_error(-EINVAL, "TAV_DUCTO_int open failed");
     }
+    _capture = kivhal::connection::channel_capture::from_property(config.channel_name);
     try {
         ducto_connect(std::string(config.channel_name));
     } catch (...) {
@@ -214,6 +216,10 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
         KIV_LOGD("acquiring wakelock");
         _wakelock->get_n_locks(1);
     }
+    // The send time, taken before the write, orders the packet before any
+    // answer the reader thread may log first.
+    const uint8_t* const packet = buf;
+    const int64_t sent_at = _capture ? android::elapsedRealtimeNano() : 0;
 
     int result = 0;
     bool failed = false;
@@ -255,6 +261,9 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
     }
     lock.unlock();
 
+    if (_capture && !failed && total > 0) {
+        _capture->channel_packet(kivhal::connection::kEpbFlagsOutbound, sent_at, packet, total);
+    }
     if (!failed) {
         KIV_LOGI("TAV_DUCTO_int conn = 0x%llx complete bytes written= %d retries %d",
                  conn_id(this), total, retries);

@@ -37,6 +37,8 @@ struct connection_snapshot {
     uint8_t aggregate = SNS_LOW_POWER_STATE_ON;
     bool has_wakelock = false;
     sns_wakelock::state wakelock = {};
+    bool has_capture = false;
+    kivhal::connection::channel_capture::status capture = {"", false, 0};
 };
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -91,6 +93,13 @@ std::string format_connection(const void* conn, const connection_snapshot& s) {
         appendf(&out, "    session %u: %s\n", session, low_power_state_name(state));
     }
     if (s.has_wakelock) append_wakelock(&out, s.wakelock);
+    if (!s.has_capture) {
+        appendf(&out, "  capture: off\n");
+    } else {
+        appendf(&out, "  capture: %s, \"%s\", %llu records written\n",
+                s.capture.on ? "on" : "off after an error", s.capture.path.c_str(),
+                static_cast<unsigned long long>(s.capture.records));
+    }
     return out;
 }
 
@@ -131,6 +140,10 @@ void tav_ducto::dump(int fd) {
     if (_wakelock != nullptr) {
         s.has_wakelock = true;
         s.wakelock = _wakelock->get_state();
+    }
+    if (_capture) {
+        s.has_capture = true;
+        s.capture = _capture->get_status();
     }
     kivhal::dump::write_fully(fd, format_connection(this, s));
 }
