@@ -11,7 +11,8 @@
 // the connection's do). It separates what those calls cost from the
 // library's own work.
 //
-// Each variant (a row of kVariants: the wake-lock hold-off off and at 20 ms)
+// Each variant (a row of kVariants: the wake-lock hold-off off and at 20 ms,
+// and the channel captured to a file)
 // runs in a child process of its own, since the library reads its properties
 // once per process.
 //
@@ -155,6 +156,11 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
     const nfds_t entries = specified ? 2 : 1;
 
     std::vector<uint8_t> buf(SNS_DUCTO_PACKET_LEN);
+    // Reused, as the connection's reader reuses its own: the floor does the
+    // same decode without the heap.
+    sns_client_event_msg event;
+    event.ParseFromArray(report.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET,
+                         static_cast<int>(report.size() - SNS_DUCTO_IND_PAYLOAD_OFFSET));
     uint64_t received = 0;
     kivhal::test::count_allocations_on_this_thread(true);
     const uint64_t allocations = kivhal::test::counted_allocations();
@@ -165,7 +171,6 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
         if (n < static_cast<ssize_t>(SNS_DUCTO_IND_PAYLOAD_OFFSET)) continue;
         uint32_t len;
         memcpy(&len, buf.data() + SNS_DUCTO_IND_PAYLOAD_LEN_OFFSET, sizeof(len));
-        sns_client_event_msg event;
         event.ParseFromArray(buf.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET, static_cast<int>(len));
         bare_callback(sensor_uid{event.suid().uidlow(), event.suid().uidhigh()}, &received);
         if (specified != nullptr) specified->take_and_give_back_wakelock();
@@ -254,10 +259,12 @@ private:
 struct variant {
     const char* name;
     std::vector<std::pair<const char*, const char*>> properties;
+    bool capture = false;  // the channel captured to a file of the child's own
 };
 const std::vector<variant> kVariants = {
     {"holdoff_0ms", {}},
     {"holdoff_20ms", {{"persist.vendor.kiv.wakelock_holdoff_ms", "20"}}},
+    {"holdoff_0ms_capture", {}, true},
 };
 
 constexpr char kRunIteration = 'i';
@@ -281,6 +288,11 @@ bool write_record(int fd, const T& record) {
     {
         kiv_log::set_level(kiv_log::INFO);
         for (const auto& [name, value] : v.properties) kivhal::host::set_property(name, value);
+        TemporaryDir capture_dir;
+        if (v.capture) {
+            kivhal::host::set_property("persist.vendor.debug.kiv.capture",
+                                       std::string(capture_dir.path) + "/channel.pcapng");
+        }
         dispatch_rig rig;
         child_status status = {};
         strncpy(status.error, rig.set_up().c_str(), sizeof(status.error) - 1);
