@@ -95,7 +95,7 @@ protected:
         }
         image.add_record(sensorstore_image::channel_hash("other"), core_stub::make_report("", true));
         image.write(root);
-        core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len()));
+        core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len() - 8));
         core->send_event(core_stub::make_event(kAccel, 1, "last"));
         ASSERT_TRUE(accel.wait_for(kEvents));
         recorded_sessions = sessions_of(*conn);

@@ -353,7 +353,8 @@ uint32_t simulated_core::write_sensorstore_image() const {
     std::ofstream out(_options.partition_path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("cannot write " + _options.partition_path);
-    return image.area_len();
+    // The message counts the stored bytes without the partition's header.
+    return image.area_len() - static_cast<uint32_t>(sizeof(test::sensorstore_header));
 }
 
 }  // namespace tools

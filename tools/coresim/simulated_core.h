@@ -76,7 +76,8 @@ private:
     void watch_connection();
     void on_connected();
     void schedule_indications();
-    // Writes the image and returns the bytes it holds, header included.
+    // Writes the image and returns the bytes a write-info message counts: the
+    // stored area without the partition header.
     uint32_t write_sensorstore_image() const;
     const sensor* find(sensor_uid suid) const;
     const sensor* find(const std::string& type) const;
