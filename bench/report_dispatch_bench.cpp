@@ -11,15 +11,23 @@
 // the connection's do). It separates what those calls cost from the
 // library's own work.
 //
+// Each variant (a row of kVariants: the wake-lock hold-off off and at 20 ms,
+// and the channel captured to a file)
+// runs in a child process of its own, since the library reads its properties
+// once per process.
+//
 // Counters: conn_reports_per_s, bare_reports_per_s, ratio (connection /
-// bare), bare_specified_reports_per_s, ratio_to_bare_specified, and heap
-// allocations per report on each receiving thread.
+// bare), bare_specified_reports_per_s, ratio_to_bare_specified, heap
+// allocations per report on each receiving thread, and
+// wakelock_writes_per_report (the connection's kernel lock and unlock writes).
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,7 +39,9 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "allocation_count.h"
@@ -146,6 +156,11 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
     const nfds_t entries = specified ? 2 : 1;
 
     std::vector<uint8_t> buf(SNS_DUCTO_PACKET_LEN);
+    // Reused, as the connection's reader reuses its own: the floor does the
+    // same decode without the heap.
+    sns_client_event_msg event;
+    event.ParseFromArray(report.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET,
+                         static_cast<int>(report.size() - SNS_DUCTO_IND_PAYLOAD_OFFSET));
     uint64_t received = 0;
     kivhal::test::count_allocations_on_this_thread(true);
     const uint64_t allocations = kivhal::test::counted_allocations();
@@ -156,7 +171,6 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
         if (n < static_cast<ssize_t>(SNS_DUCTO_IND_PAYLOAD_OFFSET)) continue;
         uint32_t len;
         memcpy(&len, buf.data() + SNS_DUCTO_IND_PAYLOAD_LEN_OFFSET, sizeof(len));
-        sns_client_event_msg event;
         event.ParseFromArray(buf.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET, static_cast<int>(len));
         bare_callback(sensor_uid{event.suid().uidlow(), event.suid().uidhigh()}, &received);
         if (specified != nullptr) specified->take_and_give_back_wakelock();
@@ -170,61 +184,187 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
     return {std::chrono::duration<double>(end - start).count(), used};
 }
 
-void BM_ReportDispatch(benchmark::State& state) {
-    kiv_log::set_level(kiv_log::INFO);
-    kivhal::test::scoped_root root;
-    // Wake-lock writes go to /dev/null: the kernel's cost is not ours to measure.
-    std::filesystem::create_directories(root.host_path("/sys/power"));
-    std::filesystem::create_symlink("/dev/null", root.host_path("/sys/power/wake_lock"));
-    std::filesystem::create_symlink("/dev/null", root.host_path("/sys/power/wake_unlock"));
+// What one iteration measured in the child.
+struct iteration_result {
+    double conn_seconds;
+    double bare_seconds;
+    double bare_specified_seconds;
+    uint64_t conn_allocations;
+    uint64_t bare_allocations;
+    uint64_t wakelock_writes;  // kernel lock and unlock writes, the window's end included
+};
 
-    kivhal::test::core_stub core(kChannel);
-    std::unique_ptr<tav_interface> conn(
-        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
-    if (!core.wait_connected(std::chrono::seconds(2))) {
-        state.SkipWithError("the connection did not reach the stand-in");
+// Everything one variant's child measures with: a root whose wake-lock files
+// are /dev/null, the core stand-in, a connection with a counting callback,
+// and the bare loops' descriptors.
+class dispatch_rig {
+public:
+    // Empty on success, else what failed.
+    std::string set_up() {
+        // Wake-lock writes go to /dev/null: the kernel's cost is not ours to measure.
+        std::filesystem::create_directories(_root.host_path("/sys/power"));
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) {
+            std::filesystem::create_symlink("/dev/null", _root.host_path(file));
+        }
+        _core = std::make_unique<kivhal::test::core_stub>(kChannel);
+        _conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+        if (!_core->wait_connected(std::chrono::seconds(2))) {
+            return "the connection did not reach the stand-in";
+        }
+        _conn->register_cb(kSensor, nullptr, nullptr, [this](const uint8_t*, uint32_t, uint64_t) {
+            kivhal::test::count_allocations_on_this_thread(true);
+            _counter.count();
+        });
+        int wakeup_pipe[2];
+        if (pipe2(wakeup_pipe, O_CLOEXEC) != 0) return "no pipe for the bare loop";
+        _wakeup_read.reset(wakeup_pipe[0]);
+        _wakeup_write.reset(wakeup_pipe[1]);
+        _lock_fd.reset(open(_root.host_path("/sys/power/wake_lock").c_str(), O_WRONLY | O_CLOEXEC));
+        _unlock_fd.reset(
+            open(_root.host_path("/sys/power/wake_unlock").c_str(), O_WRONLY | O_CLOEXEC));
+        if (_lock_fd < 0 || _unlock_fd < 0) return "the wake-lock files did not open";
+        // One batch first, so the reader's decoder has grown to its steady state.
+        run_connection_batch(*_core, _counter, _report);
+        return "";
+    }
+
+    iteration_result run_iteration() {
+        const specified_kernel_calls specified{_wakeup_read.get(), _lock_fd.get(), _unlock_fd.get()};
+        const uint64_t writes = kernel_writes();
+        const batch_result via_connection = run_connection_batch(*_core, _counter, _report);
+        const batch_result bare = run_bare_batch(_report);
+        const batch_result bare_specified = run_bare_batch(_report, &specified);
+        // A hold-off's release falls within the bare batches, which outlast it.
+        return {via_connection.seconds, bare.seconds, bare_specified.seconds,
+                via_connection.allocations, bare.allocations, kernel_writes() - writes};
+    }
+
+private:
+    static uint64_t kernel_writes() {
+        const sns_wakelock::state state = sns_wakelock::get_instance()->get_state();
+        return state.lock_writes + state.unlock_writes;
+    }
+
+    kivhal::test::scoped_root _root;
+    std::unique_ptr<kivhal::test::core_stub> _core;
+    delivery_counter _counter;  // before the connection, which calls into it
+    std::unique_ptr<tav_interface> _conn;
+    const std::vector<uint8_t> _report = sample_report();
+    android::base::unique_fd _wakeup_read, _wakeup_write, _lock_fd, _unlock_fd;
+};
+
+// The library reads its properties once per process, as on the device, so
+// each variant runs in a child forked before the library is first used.
+// Add a row to measure another setting.
+struct variant {
+    const char* name;
+    std::vector<std::pair<const char*, const char*>> properties;
+    bool capture = false;  // the channel captured to a file of the child's own
+};
+const std::vector<variant> kVariants = {
+    {"holdoff_0ms", {}},
+    {"holdoff_20ms", {{"persist.vendor.kiv.wakelock_holdoff_ms", "20"}}},
+    {"holdoff_0ms_capture", {}, true},
+};
+
+constexpr char kRunIteration = 'i';
+constexpr size_t kErrorTextLen = 120;
+
+struct child_status {
+    char error[kErrorTextLen];  // empty when the rig is up
+};
+
+template <typename T>
+bool read_record(int fd, T* record) {
+    return android::base::ReadFully(fd, record, sizeof(*record));
+}
+template <typename T>
+bool write_record(int fd, const T& record) {
+    return android::base::WriteFully(fd, &record, sizeof(record));
+}
+
+// Serves one iteration per command byte until the parent closes the pipe.
+[[noreturn]] void serve_variant(const variant& v, int commands, int results) {
+    {
+        kiv_log::set_level(kiv_log::INFO);
+        for (const auto& [name, value] : v.properties) kivhal::host::set_property(name, value);
+        TemporaryDir capture_dir;
+        if (v.capture) {
+            kivhal::host::set_property("persist.vendor.debug.kiv.capture",
+                                       std::string(capture_dir.path) + "/channel.pcapng");
+        }
+        dispatch_rig rig;
+        child_status status = {};
+        strncpy(status.error, rig.set_up().c_str(), sizeof(status.error) - 1);
+        bool serving = write_record(results, status) && status.error[0] == '\0';
+        char command = 0;
+        while (serving && read_record(commands, &command) && command == kRunIteration) {
+            serving = write_record(results, rig.run_iteration());
+        }
+    }
+    // The parent's exit handlers are not the child's to run.
+    _exit(0);
+}
+
+// A child running one variant, stopped and reaped on destruction.
+class variant_child {
+public:
+    // Empty on success, else what failed.
+    std::string start(const variant& v) {
+        android::base::unique_fd command_read, result_write;
+        if (!android::base::Pipe(&command_read, &_commands) ||
+            !android::base::Pipe(&_results, &result_write)) {
+            return "no pipes to the child";
+        }
+        _pid = fork();
+        if (_pid < 0) return "fork failed";
+        if (_pid == 0) {
+            _commands.reset();
+            _results.reset();
+            serve_variant(v, command_read.get(), result_write.get());
+        }
+        child_status status;
+        if (!read_record(_results.get(), &status)) return "the child died while setting up";
+        return std::string(status.error, strnlen(status.error, sizeof(status.error)));
+    }
+    bool run_iteration(iteration_result* result) {
+        return write_record(_commands.get(), kRunIteration) && read_record(_results.get(), result);
+    }
+    ~variant_child() {
+        _commands.reset();  // end of commands: the child tears down and exits
+        if (_pid > 0) waitpid(_pid, nullptr, 0);
+    }
+
+private:
+    pid_t _pid = -1;
+    android::base::unique_fd _commands, _results;
+};
+
+void BM_ReportDispatch(benchmark::State& state, const variant* v) {
+    variant_child child;
+    const std::string error = child.start(*v);
+    if (!error.empty()) {
+        state.SkipWithError(error.c_str());
         return;
     }
-    delivery_counter counter;
-    conn->register_cb(kSensor, nullptr, nullptr,
-                      [&counter](const uint8_t*, uint32_t, uint64_t) {
-                          kivhal::test::count_allocations_on_this_thread(true);
-                          counter.count();
-                      });
-    const std::vector<uint8_t> report = sample_report();
-    int wakeup_pipe[2];
-    if (pipe2(wakeup_pipe, O_CLOEXEC) != 0) {
-        state.SkipWithError("no pipe for the bare loop");
-        return;
-    }
-    const android::base::unique_fd wakeup_read(wakeup_pipe[0]), wakeup_write(wakeup_pipe[1]);
-    const android::base::unique_fd lock_fd(
-        open(root.host_path("/sys/power/wake_lock").c_str(), O_WRONLY | O_CLOEXEC));
-    const android::base::unique_fd unlock_fd(
-        open(root.host_path("/sys/power/wake_unlock").c_str(), O_WRONLY | O_CLOEXEC));
-    if (lock_fd < 0 || unlock_fd < 0) {
-        state.SkipWithError("the wake-lock files did not open");
-        return;
-    }
-    const specified_kernel_calls specified{wakeup_read.get(), lock_fd.get(), unlock_fd.get()};
-
-    // One batch first, so the reader's decoder has grown to its steady state.
-    run_connection_batch(core, counter, report);
-
     double conn_seconds = 0, bare_seconds = 0, bare_specified_seconds = 0;
-    uint64_t conn_allocations = 0, bare_allocations = 0, batches = 0;
+    uint64_t conn_allocations = 0, bare_allocations = 0, wakelock_writes = 0, batches = 0;
     for (auto _ : state) {
-        const batch_result via_connection = run_connection_batch(core, counter, report);
-        const batch_result bare = run_bare_batch(report);
-        const batch_result bare_specified = run_bare_batch(report, &specified);
-        state.SetIterationTime(via_connection.seconds);
-        conn_seconds += via_connection.seconds;
-        bare_seconds += bare.seconds;
-        bare_specified_seconds += bare_specified.seconds;
-        conn_allocations += via_connection.allocations;
-        bare_allocations += bare.allocations;
+        iteration_result r;
+        if (!child.run_iteration(&r)) {
+            state.SkipWithError("the child died");
+            break;
+        }
+        state.SetIterationTime(r.conn_seconds);
+        conn_seconds += r.conn_seconds;
+        bare_seconds += r.bare_seconds;
+        bare_specified_seconds += r.bare_specified_seconds;
+        conn_allocations += r.conn_allocations;
+        bare_allocations += r.bare_allocations;
+        wakelock_writes += r.wakelock_writes;
         ++batches;
     }
+    if (batches == 0) return;
     const double reports = static_cast<double>(batches) * kReportsPerIteration;
     state.counters["conn_reports_per_s"] = reports / conn_seconds;
     state.counters["bare_reports_per_s"] = reports / bare_seconds;
@@ -233,10 +373,23 @@ void BM_ReportDispatch(benchmark::State& state) {
     state.counters["ratio_to_bare_specified"] = bare_specified_seconds / conn_seconds;
     state.counters["conn_allocs_per_report"] = static_cast<double>(conn_allocations) / reports;
     state.counters["bare_allocs_per_report"] = static_cast<double>(bare_allocations) / reports;
+    state.counters["wakelock_writes_per_report"] = static_cast<double>(wakelock_writes) / reports;
     state.SetItemsProcessed(static_cast<int64_t>(reports));
 }
-BENCHMARK(BM_ReportDispatch)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    for (const variant& v : kVariants) {
+        benchmark::RegisterBenchmark((std::string("BM_ReportDispatch/") + v.name).c_str(),
+                                     BM_ReportDispatch, &v)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(2.0);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -5,6 +5,7 @@
 #include <cutils/trace.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utils/SystemClock.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -61,6 +62,7 @@ tav_ducto::tav_ducto(tav_ducto_config config)
         KIV_LOGE("TAV_DUCTO_int no channel name");
         throw ducto_error(-EINVAL, "TAV_DUCTO_int open failed");
     }
+    _capture = kivhal::connection::channel_capture::from_property(config.channel_name);
     try {
         ducto_connect(std::string(config.channel_name));
     } catch (...) {
@@ -72,6 +74,11 @@ tav_ducto::tav_ducto(tav_ducto_config config)
         }
         throw;
     }
+    // Last, so that only a connection whose destructor will run is a host.
+    if (_wakelock->holdoff_ms() > 0) {
+        _worker.serve_holdoff(_wakelock);
+        _wakelock->add_timer_host(&_worker);
+    }
 }
 
 tav_ducto::~tav_ducto() {
@@ -79,6 +86,9 @@ tav_ducto::~tav_ducto() {
     _is_closing = true;
     g_ducto_err_cnt = 0;
     ducto_disconnect(true);
+    // Before the worker stops: a pending release moves to another host or is
+    // written now.
+    if (_wakelock->holdoff_ms() > 0) _wakelock->remove_timer_host(&_worker);
     destroy_map_table();
     {
         kivhal::lock_guard lock(_s_mutex);
@@ -206,6 +216,10 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
         KIV_LOGD("acquiring wakelock");
         _wakelock->get_n_locks(1);
     }
+    // The send time, taken before the write, orders the packet before any
+    // answer the reader thread may log first.
+    const uint8_t* const packet = buf;
+    const int64_t sent_at = _capture ? android::elapsedRealtimeNano() : 0;
 
     int result = 0;
     bool failed = false;
@@ -247,6 +261,9 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
     }
     lock.unlock();
 
+    if (_capture && !failed && total > 0) {
+        _capture->channel_packet(kivhal::connection::kEpbFlagsOutbound, sent_at, packet, total);
+    }
     if (!failed) {
         KIV_LOGI("TAV_DUCTO_int conn = 0x%llx complete bytes written= %d retries %d",
                  conn_id(this), total, retries);
@@ -307,6 +324,8 @@ void tav_ducto::ducto_error_handler(int error) {
         KIV_LOGD("TAV_DUCTO_int Inside POLLHUP error handler");
         _is_reconnecting = true;
         ducto_disconnect(false);
+        // The kernel keeps a named lock after its process is gone.
+        if (_wakelock != nullptr) _wakelock->flush_deferred_release();
         // Status 1 as exit(1) gives it, without running static destructors
         // under the service's other threads, which may still be using them.
         fflush(nullptr);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -10,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "channel_capture.h"
 #include "kiv_thread_annotations.h"
 #include "report_sensor_id.h"
 #include "sns_ducto_packet.h"
@@ -118,5 +120,8 @@ private:
     sns_wakelock* _wakelock;
     // Reader thread only.
     report_sensor_id_reader _report_ids;
+    // Null unless the capture property named a usable file; set before the
+    // reader thread starts and never changed, so testing it needs no lock.
+    std::unique_ptr<kivhal::connection::channel_capture> _capture;
     worker _worker;
 };

@@ -1,5 +1,6 @@
 // The connection's state as text, for bug reports.
 #include <algorithm>
+#include <cinttypes>
 #include <map>
 #include <string>
 #include <utility>
@@ -14,6 +15,8 @@ using kivhal::dump::appendf;
 using kivhal::dump::suid_text;
 
 namespace {
+
+constexpr double kNsPerMs = 1e6;
 
 // What the dump shows, copied under the connection's locks one at a time.
 struct connection_snapshot {
@@ -33,7 +36,9 @@ struct connection_snapshot {
     std::map<uint8_t, uint8_t> sessions;  // ordered for reading
     uint8_t aggregate = SNS_LOW_POWER_STATE_ON;
     bool has_wakelock = false;
-    sns_wakelock::state wakelock = {0, false};
+    sns_wakelock::state wakelock = {};
+    bool has_capture = false;
+    kivhal::connection::channel_capture::status capture = {"", false, 0};
 };
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -52,6 +57,20 @@ const char* low_power_state_name(uint8_t state) {
 void append_suid_list(std::string* out, const char* title, const std::vector<sensor_uid>& suids) {
     appendf(out, "  %s: %zu\n", title, suids.size());
     for (const sensor_uid& suid : suids) appendf(out, "    %s\n", suid_text(suid).c_str());
+}
+
+void append_wakelock(std::string* out, const sns_wakelock::state& w) {
+    appendf(out, "  wake lock: %u references, %s\n", w.count, w.held ? "held" : "not held");
+    if (w.holdoff_ms == 0) {
+        appendf(out, "    hold-off: off\n");
+    } else if (w.release_pending) {
+        appendf(out, "    hold-off: %u ms, release pending, due in %.1f ms\n", w.holdoff_ms,
+                static_cast<double>(w.release_due_in_ns) / kNsPerMs);
+    } else {
+        appendf(out, "    hold-off: %u ms, no release pending\n", w.holdoff_ms);
+    }
+    appendf(out, "    kernel writes: %" PRIu64 " lock, %" PRIu64 " unlock\n", w.lock_writes,
+            w.unlock_writes);
 }
 
 std::string format_connection(const void* conn, const connection_snapshot& s) {
@@ -73,9 +92,13 @@ std::string format_connection(const void* conn, const connection_snapshot& s) {
     for (const auto& [session, state] : s.sessions) {
         appendf(&out, "    session %u: %s\n", session, low_power_state_name(state));
     }
-    if (s.has_wakelock) {
-        appendf(&out, "  wake lock: %u references, %s\n", s.wakelock.count,
-                s.wakelock.held ? "held" : "not held");
+    if (s.has_wakelock) append_wakelock(&out, s.wakelock);
+    if (!s.has_capture) {
+        appendf(&out, "  capture: off\n");
+    } else {
+        appendf(&out, "  capture: %s, \"%s\", %llu records written\n",
+                s.capture.on ? "on" : "off after an error", s.capture.path.c_str(),
+                static_cast<unsigned long long>(s.capture.records));
     }
     return out;
 }
@@ -117,6 +140,10 @@ void tav_ducto::dump(int fd) {
     if (_wakelock != nullptr) {
         s.has_wakelock = true;
         s.wakelock = _wakelock->get_state();
+    }
+    if (_capture) {
+        s.has_capture = true;
+        s.capture = _capture->get_status();
     }
     kivhal::dump::write_fully(fd, format_connection(this, s));
 }

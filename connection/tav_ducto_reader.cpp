@@ -119,6 +119,11 @@ void tav_ducto::ducto_thread_routine(tav_ducto* conn) {
                     continue;
                 }
             } else {
+                if (conn->_capture) {
+                    conn->_capture->channel_packet(kivhal::connection::kEpbFlagsInbound,
+                                                   android::elapsedRealtimeNano(), buf,
+                                                   static_cast<size_t>(n));
+                }
                 dispatch(conn, packet, n, KIV_LOG_OP);
             }
         } else if (fds[kChannelEntry].revents & POLLHUP) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
+#include "kivhal/host.h"
 #include "reference_decoder.h"
 #include "sns_ducto_packet.h"
 
@@ -186,10 +187,17 @@ void compare(const std::vector<expected_report>& expected, const std::vector<del
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kivhal::fuzz::set_log_level_from_environment();
+    // Every packet also goes through the capture (rotating, so bounded).
+    const std::string capture = kivhal::fuzz::host_path("/capture.pcapng");
+    kivhal::host::set_property("persist.vendor.debug.kiv.capture", capture.c_str());
     tav_ducto& conn = kivhal::fuzz::channel_pair::instance().connection();
     for (size_t i = 0; i <= kSentinelIndex; ++i) {
         const sensor_uid suid = i < kSentinelIndex ? kSensors[i] : kSentinel;
         conn.register_cb(suid, deliveries().unexpected_response(), nullptr, deliveries().callback(i));
+    }
+    if (access(capture.c_str(), F_OK) != 0) {
+        fprintf(stderr, "capture %s was not started\n", capture.c_str());
+        abort();
     }
     return 0;
 }

@@ -1,13 +1,16 @@
-// Feeds one arbitrary file to both file-reading tools' own code: kivhal-lint's
-// configuration checks and kivhal-sensorstore's image reader and walk.
+// Feeds one arbitrary file to the file-reading tools' own code: kivhal-lint's
+// configuration checks, kivhal-sensorstore's image reader and walk, and
+// kivhal-coresim's capture reader.
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "capture_file.h"
 #include "config_linter.h"
 #include "fuzz_support.h"
 #include "sensorstore_dump.h"
+#include "tool_cli.h"
 
 namespace {
 
@@ -39,6 +42,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto image = kivhal::tools::read_sensorstore_image(path, &image_size);
     if (image.size() > size) abort();  // never more than the file holds
     kivhal::tools::dump_sensorstore(image, image_size, kChannel, discard());
+    try {
+        const kivhal::tools::capture capture = kivhal::tools::read_capture(path);
+        for (const auto& record : capture.records) {
+            if (record.bytes.size() > size) abort();  // never more than the file holds
+        }
+    } catch (const kivhal::tools::usage_error&) {
+        // Not a capture: refused, as it should be.
+    }
     kivhal::fuzz::end_input();
     return 0;
 }

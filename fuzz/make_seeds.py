@@ -147,6 +147,28 @@ def write_info_input(img, error=0):
     return message + img
 
 
+# --- capture (pcapng as the library writes it) ------------------------------------
+def pcapng_block(block_type, body):
+    body += bytes(-len(body) % 4)
+    return struct.pack("<II", block_type, 12 + len(body)) + body + struct.pack("<I", 12 + len(body))
+
+
+def pcapng_option(code, value):
+    return struct.pack("<HH", code, len(value)) + value + bytes(-len(value) % 4)
+
+
+def capture(records):
+    """records: (interface, epb_flags, timestamp_ns, bytes); interface 0 the channel."""
+    out = pcapng_block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1) + bytes(4))
+    for linktype, name in ((147, b"ductopkt_vorla_sensors"), (148, b"sensorstore")):
+        out += pcapng_block(1, struct.pack("<HHI", linktype, 0, 65539) + pcapng_option(2, name) +
+                            pcapng_option(9, b"\x09") + bytes(4))
+    for interface, flags, ts, data in records:
+        out += pcapng_block(6, struct.pack("<IIIII", interface, ts >> 32, ts & 0xFFFFFFFF, len(data), len(data)) +
+                            data + bytes(-len(data) % 4) + pcapng_option(2, struct.pack("<I", flags)) + bytes(4))
+    return out
+
+
 # --- seeds ----------------------------------------------------------------------
 def seeds():
     own = channel_hash("sensors")
@@ -198,6 +220,11 @@ def seeds():
     yield "tool_inputs", "config", example
     yield "tool_inputs", "config_mistakes", OEM_MISTAKES
     yield "tool_inputs", "image", store
+    request = packet(RESPONSE, bytes(7) + struct.pack("<I", 4) + b"\x15\x01\x00\x00", length=0) + bytes(992)
+    yield "tool_inputs", "capture", capture([(0, 2, 1000, request), (0, 1, 2000, response()),
+                                             (0, 1, 3000, low_power(2, total=len(store) - 8)),
+                                             (1, 1, 3000, store[:8]),
+                                             (1, 1, 3000, store[8:12 + len(report(hr, True))])])
     # Regression: a header claiming 4 GiB once sized the reader's buffer.
     yield "tool_inputs", "huge_data_len", struct.pack("<II", 0xFFFFFFFF, 0) + b"\x01\x02\x03\x04"
 

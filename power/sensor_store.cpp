@@ -81,6 +81,7 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
 
     sns_sensorstore_hdr header;
     memcpy(&header, mapping.data(), sizeof(header));
+    if (_capture) _capture->sensorstore_record(mapping.data(), sizeof(header));
     const uint32_t data_len = header.data_len;
     if (data_len < write_info_byte_count) {
         KIV_LOGE("TAV_SENSORSTORE data is missing emmc_byte_count(%d) write_info_byte_count(%d)",
@@ -118,6 +119,10 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
             break;
         }
 
+        if (_capture) {
+            _capture->sensorstore_record(record.packet - SNS_SENSORSTORE_RECORD_HASH_LEN,
+                                         SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len);
+        }
         if (record.channel_hash == channel_hash) {
             KIV_LOGD("TAV_SENSORSTORE parsing lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
                      record.channel_hash, record.pkt_len);

@@ -1,10 +1,13 @@
 #include "sns_wakelock.h"
 
+#include <cutils/properties.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -18,6 +21,27 @@ sns_wakelock* sns_wakelock::_self = nullptr;
 namespace {
 constexpr char kWakeLockPath[] = "/sys/power/wake_lock";
 constexpr char kWakeUnlockPath[] = "/sys/power/wake_unlock";
+constexpr char kHoldoffProperty[] = "persist.vendor.kiv.wakelock_holdoff_ms";
+// Longer than this keeps the device awake for the hold-off rather than for work.
+constexpr unsigned long kMaxHoldoffMs = 10000;
+constexpr int64_t kNsPerMs = 1000000;
+
+// Unset, empty or 0: off, with no log line, so nothing changes.
+uint32_t read_holdoff_ms(kiv_log_op op) {
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get(kHoldoffProperty, value, "0");
+    if (value[0] == '\0') return 0;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long ms = strtoul(value, &end, 10);
+    if (value[0] < '0' || value[0] > '9' || *end != '\0' || errno != 0 || ms > kMaxHoldoffMs) {
+        KIV_LOGE_FOR(op, "%s \"%s\" is not a number of milliseconds up to %lu, hold-off off",
+                     kHoldoffProperty, value, kMaxHoldoffMs);
+        return 0;
+    }
+    if (ms > 0) KIV_LOGI_FOR(op, "wake lock hold-off %lu ms", ms);
+    return static_cast<uint32_t>(ms);
+}
 
 // Both files' failures are the constructor's (`op`) lines, from one statement.
 int open_wakelock_file(const char* path, kiv_log_op op) {
@@ -41,17 +65,40 @@ sns_wakelock* sns_wakelock::get_instance() {
     return _self;
 }
 
-sns_wakelock::state sns_wakelock::get_state() {
-    kivhal::lock_guard lock(_mutex);
-    return {_accu_count, _held};
+// A service that calls exit() with a release pending must not leave the
+// kernel lock held; _exit() paths flush by hand.
+void sns_wakelock::flush_at_exit() {
+    if (_self != nullptr) _self->flush_deferred_release();
 }
 
-sns_wakelock::sns_wakelock() : _accu_count(0), _lock_fd(-1), _unlock_fd(-1), _held(false) {
+sns_wakelock::state sns_wakelock::get_state() {
+    kivhal::lock_guard lock(_mutex);
+    state s{_accu_count, _held, _holdoff_ms, _release_pending, 0, _lock_writes, _unlock_writes};
+    if (_release_pending && _armed_host != nullptr) {
+        s.release_due_in_ns = std::max<int64_t>(0, _release_deadline_ns - _armed_host->now_ns());
+    }
+    return s;
+}
+
+sns_wakelock::sns_wakelock()
+    : _accu_count(0),
+      _lock_fd(-1),
+      _unlock_fd(-1),
+      _held(false),
+      _holdoff_ms(read_holdoff_ms(KIV_LOG_OP)),
+      _holdoff_ns(static_cast<int64_t>(_holdoff_ms) * kNsPerMs),
+      _release_pending(false),
+      _release_deadline_ns(0),
+      _armed_host(nullptr),
+      _lock_writes(0),
+      _unlock_writes(0) {
     _lock_fd = open_wakelock_file(kWakeLockPath, KIV_LOG_OP);
     _unlock_fd = open_wakelock_file(kWakeUnlockPath, KIV_LOG_OP);
+    if (_holdoff_ms > 0) atexit(flush_at_exit);
 }
 
 sns_wakelock::~sns_wakelock() {
+    if (_self == this) _self = nullptr;
     {
         kivhal::lock_guard lock(_mutex);
         if (_held) {
@@ -68,6 +115,7 @@ void sns_wakelock::acquire() {
         KIV_LOGE("Not able to open fd for wakeup:%s", KIV_WACKLOCK_NAME);
         return;
     }
+    ++_lock_writes;
     if (write_name(_lock_fd) >= 1) {
         KIV_LOGV("sucess wakelock acquire:%s", KIV_WACKLOCK_NAME);
         _held = true;
@@ -78,10 +126,12 @@ void sns_wakelock::acquire() {
 }
 
 void sns_wakelock::release() {
+    _release_pending = false;
     if (_unlock_fd < 0) {
         KIV_LOGE("Not able to open fd for wakeup:%s", KIV_WACKLOCK_NAME);
         return;
     }
+    ++_unlock_writes;
     if (write_name(_unlock_fd) >= 1) {
         KIV_LOGV("sucess release %s wakelock", KIV_WACKLOCK_NAME);
         _held = false;
@@ -98,6 +148,8 @@ void sns_wakelock::get_n_locks(uint32_t n) {
         return;
     }
     if (_accu_count == 0 && !_held) acquire();
+    // Taken within the hold-off: the lock is still held, nothing to write.
+    if (n > 0) _release_pending = false;
     _accu_count += n;
 }
 
@@ -108,7 +160,60 @@ void sns_wakelock::put_n_locks(uint32_t n) {
         return;
     }
     _accu_count -= n;
-    if (_accu_count == 0 && _held) release();
+    if (_accu_count == 0 && _held && !defer_release()) release();
+}
+
+bool sns_wakelock::defer_release() {
+    if (_holdoff_ns == 0 || _timer_hosts.empty()) return false;
+    wakelock_timer_host* host = _timer_hosts.front();
+    _release_deadline_ns = host->now_ns() + _holdoff_ns;
+    _release_pending = true;
+    // One timer per window, not one signal per report: a timer that expires
+    // before the newest deadline is re-armed by on_holdoff_timer.
+    if (_armed_host == nullptr) arm(host);
+    return true;
+}
+
+void sns_wakelock::arm(wakelock_timer_host* host) {
+    _armed_host = host;
+    host->arm(_release_deadline_ns);
+}
+
+void sns_wakelock::on_holdoff_timer(wakelock_timer_host* host) {
+    kivhal::lock_guard lock(_mutex);
+    // A host removed while its expiry was on the way: another one is armed.
+    if (host != _armed_host) return;
+    _armed_host = nullptr;
+    if (!_release_pending) return;
+    if (host->now_ns() < _release_deadline_ns) {
+        arm(host);
+    } else {
+        release();
+    }
+}
+
+void sns_wakelock::add_timer_host(wakelock_timer_host* host) {
+    kivhal::lock_guard lock(_mutex);
+    _timer_hosts.push_back(host);
+}
+
+void sns_wakelock::remove_timer_host(wakelock_timer_host* host) {
+    kivhal::lock_guard lock(_mutex);
+    _timer_hosts.erase(std::remove(_timer_hosts.begin(), _timer_hosts.end(), host),
+                       _timer_hosts.end());
+    if (host != _armed_host) return;
+    _armed_host = nullptr;
+    if (!_release_pending) return;
+    if (_timer_hosts.empty()) {
+        release();
+    } else {
+        arm(_timer_hosts.front());
+    }
+}
+
+void sns_wakelock::flush_deferred_release() {
+    kivhal::lock_guard lock(_mutex);
+    if (_release_pending) release();
 }
 
 void sns_wakelock::put_all() {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Checks that Android.bp builds the same library sources as CMakeLists.txt
-# and lists the header library of every Android header family the code uses.
+# Checks that Android.bp builds the same library sources as CMakeLists.txt,
+# lists the header library of every Android header family the code uses, and
+# that every Android.bp is as bpfmt (Debian's blueprint-tools) writes it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,5 +32,11 @@ for family in "${!needs[@]}"; do
     status=1
   fi
 done
+# bpfmt -l names the files whose formatting differs (its exit status does not).
+unformatted=$(bpfmt -l $(git ls-files '*Android.bp' 2>/dev/null || find . -name Android.bp))
+if [ -n "$unformatted" ]; then
+  echo "bpfmt would change (run bpfmt -w on them):" $unformatted >&2
+  status=1
+fi
 [ $status -eq 0 ] && echo "Android.bp is in step with CMakeLists.txt"
 exit $status

@@ -2,7 +2,9 @@
 # The library's main job without a watch on the desk: builds the tools, starts
 # the simulated sensor core on a temporary device root with the example OEM
 # configuration, and runs kivhal-info against it twice, as the HAL service's
-# first boot after flashing and as a later boot.
+# first boot after flashing and as a later boot. The later boot is captured
+# (persist.vendor.debug.kiv.capture), summed up per message id with tshark and
+# the dissector, and replayed through kivhal-info by kivhal-coresim --replay.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -64,9 +66,39 @@ echo "=== kivhal-info, first boot after flashing (no persisted sensor list yet)"
 "$tools/kivhal-info" --root "$root" --config "$config"
 
 echo
-echo "=== kivhal-info, later boot (waits only for the sensors the first boot listed)"
-"$tools/kivhal-info" --root "$root" --config "$config"
+echo "=== kivhal-info, later boot (waits only for the sensors the first boot listed), captured"
+capture="$work/later-boot.pcapng"
+"$tools/kivhal-info" --root "$root" --config "$config" \
+    --property "persist.vendor.debug.kiv.capture=$capture" | tee "$work/live.txt"
 
 echo
 stop_sim
 echo "=== simulator stopped"
+
+echo
+echo "=== capture $capture: packets per message id (tshark, tools/wireshark/kivhal_channel.lua)"
+tshark -r "$capture" -X lua_script:tools/wireshark/kivhal_channel.lua \
+    -o "uat:protobuf_search_paths:\"$PWD/proto\",\"TRUE\"" \
+    -T fields -e frame.packet_flags_direction -e kivhal.msg_id 2>/dev/null |
+    awk '{ key = ($1 == 2 ? "library -> core " : "core -> library ") $2; count[key]++ }
+         END { for (key in count) printf "  %5d  %s\n", count[key], key }' | sort -k2
+
+echo
+echo "=== kivhal-coresim --replay $capture --fast, kivhal-info on the same root again"
+"$tools/kivhal-coresim" --root "$root" --replay "$capture" --fast >"$work/replay.log" 2>&1 &
+sim_pid=$!
+for _ in $(seq 100); do
+    grep -q "replaying" "$work/replay.log" && break
+    sleep 0.1
+done
+"$tools/kivhal-info" --root "$root" --config "$config" --quiet >"$work/replayed.txt"
+wait "$sim_pid" || true
+sim_pid=""
+cat "$work/replay.log"
+if diff <(sed -E 's/took [0-9.]+ s/took X s/' "$work/live.txt") \
+        <(sed -E 's/took [0-9.]+ s/took X s/' "$work/replayed.txt") >/dev/null; then
+    echo "the replayed report is the live one's"
+else
+    echo "the replayed report differs from the live one:"
+    diff "$work/live.txt" "$work/replayed.txt" || true
+fi

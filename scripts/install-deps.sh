@@ -12,6 +12,7 @@ packages=(
   android-libutils-dev android-libcutils-dev
   android-libbase-dev clang-14
   hidl-gen libxml2-utils
+  tshark blueprint-tools
   "$@"
 )
 

@@ -6,6 +6,7 @@
 #include <climits>
 #include <thread>
 
+#include "connection_test_fixture.h"
 #include "kivhal/host.h"
 #include "kiv_log.h"
 #include "sns_wakelock.h"
@@ -128,10 +129,18 @@ TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
     EXPECT_EQ(2u, log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ", ANDROID_LOG_ERROR).size());
 }
 
-TEST_F(WakelockTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {
+// With a hold-off the connection's worker times the releases, racing the
+// threads' references.
+class WakelockThreadsTest : public WakelockTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(WakelockThreadsTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {
     create_kernel_files();
     // Errors only: the log's own lock would order the threads and hide a race.
     kiv_log::set_level(kiv_log::ERROR);
+    kivhal::host::set_property("persist.vendor.kiv.wakelock_holdoff_ms",
+                                  std::to_string(GetParam()));
+    kivhal::test::core_stub core("threads");
+    std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, {"threads"}));
     sns_wakelock* wl = sns_wakelock::get_instance();
     constexpr int kThreads = 4, kRounds = 2000;
     std::vector<std::thread> threads;
@@ -145,13 +154,13 @@ TEST_F(WakelockTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheLock) {
     }
     for (std::thread& thread : threads) thread.join();
 
-    const sns_wakelock::state state = wl->get_state();
-    EXPECT_EQ(0u, state.count);
-    EXPECT_FALSE(state.held);
+    EXPECT_TRUE(kivhal::test::eventually([wl] { return !wl->get_state().held; }));
+    EXPECT_EQ(0u, wl->get_state().count);
     EXPECT_TRUE(kivhal::host::captured_log().empty());
     // Every kernel lock was matched by an unlock.
     EXPECT_FALSE(locks().empty());
     EXPECT_EQ(locks().size(), unlocks().size());
 }
+INSTANTIATE_TEST_SUITE_P(HoldoffMs, WakelockThreadsTest, ::testing::Values(0, 20));
 
 }  // namespace

@@ -7,12 +7,15 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 
+#include "capture_replay.h"
 #include "kivhal/platform.h"
 #include "sensorstore_image.h"
 #include "simulated_core.h"
@@ -48,7 +51,19 @@ any other request until it is disabled. It offers "registry", "health",
                         MS:on|off[:SESSION],... (session 0 by default)
   --write-info MS       write a sensorstore image under the root and send a
                         write-info message MS milliseconds after each connection
-  --report-ms MS        period of streamed reports (default: 200)
+  --report-ms MS        period of streamed reports (default: 200; 0: as fast
+                        as the channel takes them)
+  --repeat-ms MS        send the --low-power and --write-info messages again
+                        every MS milliseconds while a client is connected
+  --replay FILE         serve a capture of the library (written with
+                        persist.vendor.debug.kiv.capture) as the recorded core
+                        did: the recorded answers, reports and indications in
+                        order, each request checked against the recorded one.
+                        The channel is the capture's unless --channel is given.
+                        Exit 0 when the library closed the channel after the
+                        last packet as recorded, 1 at the first difference
+                        (printed with the packet and the field)
+  --fast                with --replay: no recorded spacing between packets
   --verbose             print one line per request handled
   --help                show this help
 )";
@@ -102,20 +117,72 @@ bool is_served(const std::string& socket_path) {
            connect(probe.get(), reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
+// Signals are taken by sigwait or sigtimedwait, never by the worker threads.
+sigset_t block_stop_signals() {
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    return stop_signals;
+}
+
+std::string socket_path_of(const std::string& channel) {
+    const std::string socket_path = kivhal::platform::resolve_path(kDevNodePrefix + channel);
+    if (is_served(socket_path)) {
+        throw tool_error(socket_path + " is served by a running kivhal-coresim already; stop it "
+                         "first or pass another --root or --channel");
+    }
+    return socket_path;
+}
+
+int replay(replay_options options, std::string channel) {
+    const capture recorded = read_capture(options.file);
+    if (channel.empty()) channel = recorded.channel.empty() ? "sensors" : recorded.channel;
+    socket_path_of(channel);
+    options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
+    prepare_partition(options.partition_path);
+    const size_t requests = static_cast<size_t>(std::count_if(
+        recorded.records.begin(), recorded.records.end(),
+        [](const capture_record& r) { return r.outbound && !r.sensorstore; }));
+    const sigset_t stop_signals = block_stop_signals();
+    kivhal::test::core_stub core(channel);
+    printf("%s: replaying %s on %s: %zu packets, %zu requests to check%s\n", kTool,
+           options.file.c_str(), core.socket_path().c_str(), recorded.records.size(), requests,
+           recorded.cut_short ? " (the capture is cut short: replaying what it holds)" : "");
+    fflush(stdout);
+    const int status = replay_capture(recorded, core, options, stop_signals);
+    fflush(stdout);
+    return status;
+}
+
 int run(int argc, char** argv) {
     coresim_options options;
+    replay_options replay_opts;
     std::string root = getenv("KIVHAL_ROOT") ? getenv("KIVHAL_ROOT") : "";
     std::string config;
+    std::string channel;
+    bool simulation_only = false;  // an option that a replay cannot honour
     arg_reader args(argc, argv);
     while (!args.done()) {
         const std::string arg = args.next();
+        if (arg != "--root" && arg != "--channel" && arg != "--verbose" && arg != "--replay" &&
+            arg != "--fast") {
+            simulation_only = true;
+        }
         if (arg == "--help") {
             fputs(kUsage, stdout);
             return 0;
         } else if (arg == "--root") {
             root = args.value();
         } else if (arg == "--channel") {
-            options.channel = args.value();
+            channel = args.value();
+            if (channel.empty()) throw usage_error("option --channel needs a name");
+            options.channel = channel;
+        } else if (arg == "--replay") {
+            replay_opts.file = args.value();
+        } else if (arg == "--fast") {
+            replay_opts.fast = true;
         } else if (arg == "--config") {
             config = args.value();
         } else if (arg == "--delay-ms") {
@@ -133,9 +200,11 @@ int run(int argc, char** argv) {
             options.write_info_after = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--report-ms") {
             options.report_period = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
-            if (options.report_period.count() == 0) throw usage_error("option --report-ms must be positive");
+        } else if (arg == "--repeat-ms") {
+            options.repeat_every = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--verbose") {
             options.verbose = true;
+            replay_opts.verbose = true;
         } else {
             throw usage_error("unknown argument " + arg);
         }
@@ -145,26 +214,22 @@ int run(int argc, char** argv) {
     if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         throw usage_error("root " + root + " is not a directory");
     }
-    if (options.channel.empty()) throw usage_error("option --channel needs a name");
     setenv("KIVHAL_ROOT", root.c_str(), 1);
-    if (config.empty()) config = default_config();
-    const std::string socket_path =
-        kivhal::platform::resolve_path(kDevNodePrefix + options.channel);
-    if (is_served(socket_path)) {
-        throw tool_error(socket_path + " is served by a running kivhal-coresim already; stop it "
-                         "first or pass another --root or --channel");
+    if (!replay_opts.file.empty()) {
+        if (simulation_only) {
+            throw usage_error("--replay takes only --root, --channel, --fast and --verbose");
+        }
+        return replay(replay_opts, channel);
     }
+    if (replay_opts.fast) throw usage_error("option --fast needs --replay FILE");
+    if (config.empty()) config = default_config();
+    socket_path_of(options.channel);
 
     options.sensor_types = {"registry", "health", "health_async_announce"};
     for (const auto& type : sensor_types_of_config(config)) options.sensor_types.push_back(type);
     options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
 
-    // Signals are taken by sigwait below, never by the worker threads.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    const sigset_t stop_signals = block_stop_signals();
 
     simulated_core core(options);
     printf("%s: serving %s with %zu sensors from %s\n", kTool, core.socket_path().c_str(),
@@ -173,6 +238,7 @@ int run(int argc, char** argv) {
     int signal_number = 0;
     sigwait(&stop_signals, &signal_number);
     printf("%s: stopped by signal %d\n", kTool, signal_number);
+    printf("%s: %" PRIu64 " reports sent\n", kTool, core.reports_sent());
     return 0;
 }
 

@@ -30,6 +30,7 @@ constexpr uint64_t kFnvOffset = 0xcbf29ce484222325ULL;
 constexpr uint64_t kFnvPrime = 0x100000001b3ULL;
 constexpr milliseconds kConnectionPoll{20};
 constexpr milliseconds kRequestPoll{100};
+constexpr milliseconds kIdleStreamPause{1};
 constexpr int kStoredReportsPerSensor = 2;
 constexpr size_t kStoredSensors = 3;
 constexpr char kForeignChannel[] = "foreign";
@@ -139,7 +140,9 @@ void simulated_core::handle_requests() {
     while (!_stopping) {
         if (!_core.wait_for_requests(handled + 1, kRequestPoll)) continue;
         const std::vector<recorded_request> all = _core.requests();
+        _request_waiting = true;
         for (size_t i = handled; i < all.size(); ++i) handle(all[i]);
+        _request_waiting = false;
         handled = all.size();
     }
 }
@@ -244,30 +247,47 @@ void simulated_core::send(std::vector<std::vector<uint8_t>> packets) {
 
 void simulated_core::stream_reports() {
     while (!_stopping) {
-        std::this_thread::sleep_for(_options.report_period);
-        kivhal::lock_guard lock(_stream_mutex);
-        const auto now = steady_clock::now();
-        for (const auto& [key, since] : _streams) {
-            if (since > now) continue;
-            sns_std_attr_value sample;
-            sample.add_elementlist()->set_floatvalue(static_cast<float>(_report_count++));
-            _core.send_event(core_stub::make_event({key.first, key.second}, kSampleEventMsgId,
-                                                   sample.SerializeAsString()));
+        if (_options.report_period.count() > 0) std::this_thread::sleep_for(_options.report_period);
+        while (_request_waiting && !_stopping) std::this_thread::yield();
+        // At full speed nothing to stream must not spin.
+        if (!stream_round() && _options.report_period.count() == 0) {
+            std::this_thread::sleep_for(kIdleStreamPause);
         }
     }
+}
+
+bool simulated_core::stream_round() {
+    bool sent = false;
+    kivhal::lock_guard lock(_stream_mutex);
+    const auto now = steady_clock::now();
+    for (const auto& [key, since] : _streams) {
+        if (since > now) continue;
+        sns_std_attr_value sample;
+        sample.add_elementlist()->set_floatvalue(static_cast<float>(_report_count++));
+        if (_core.send_event(core_stub::make_event({key.first, key.second}, kSampleEventMsgId,
+                                                   sample.SerializeAsString()))) {
+            ++_reports_sent;
+            sent = true;
+        }
+    }
+    return sent;
 }
 
 void simulated_core::watch_connection() {
     bool was_connected = false;
     bool closed = false;
-    steady_clock::time_point since;
+    steady_clock::time_point since, scheduled;
     while (!_stopping) {
         std::this_thread::sleep_for(kConnectionPoll);
         const bool connected = _core.connected();
         if (connected && !was_connected) {
-            since = steady_clock::now();
+            since = scheduled = steady_clock::now();
             closed = false;
             on_connected();
+        } else if (connected && _options.repeat_every.count() > 0 &&
+                   steady_clock::now() - scheduled >= _options.repeat_every) {
+            scheduled = steady_clock::now();
+            schedule_indications();
         } else if (!connected && was_connected) {
             kivhal::lock_guard lock(_stream_mutex);
             _streams.clear();
@@ -285,21 +305,28 @@ void simulated_core::watch_connection() {
 
 void simulated_core::on_connected() {
     say("client connected");
+    _write_info_total = 0;
+    if (_options.write_info) {
+        try {
+            _write_info_total = write_sensorstore_image();
+        } catch (const std::exception& e) {
+            say(std::string("write-info skipped: ") + e.what());
+        }
+    }
+    schedule_indications();
+}
+
+// Repeats send the same write-info again: the image is written once per
+// connection, never under a client that may be reading it.
+void simulated_core::schedule_indications() {
     for (const low_power_event& event : _options.low_power) {
         _core.send_packet_after(event.after,
                                 core_stub::make_low_power_state(event.msg_id, event.session));
     }
-    if (_options.write_info) {
-        uint32_t total = 0;
-        try {
-            total = write_sensorstore_image();
-        } catch (const std::exception& e) {
-            say(std::string("write-info skipped: ") + e.what());
-            return;
-        }
+    if (_write_info_total != 0) {
         _core.send_packet_after(_options.write_info_after,
                                 core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
-                                                                total, 0));
+                                                                _write_info_total, 0));
     }
 }
 
@@ -326,7 +353,8 @@ uint32_t simulated_core::write_sensorstore_image() const {
     std::ofstream out(_options.partition_path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("cannot write " + _options.partition_path);
-    return image.area_len();
+    // The message counts the stored bytes without the partition's header.
+    return image.area_len() - static_cast<uint32_t>(sizeof(test::sensorstore_header));
 }
 
 }  // namespace tools

@@ -38,7 +38,8 @@ struct coresim_options {
     bool write_info = false;
     std::chrono::milliseconds write_info_after{0};
     std::string partition_path;              // host path of the sensorstore image
-    std::chrono::milliseconds report_period{200};
+    std::chrono::milliseconds report_period{200};  // 0: as fast as the channel takes them
+    std::chrono::milliseconds repeat_every{0};     // 0: low-power and write-info once per connection
     bool verbose = false;
 };
 
@@ -52,6 +53,8 @@ public:
 
     const std::string& socket_path() const { return _core.socket_path(); }
     size_t sensor_count() const { return _sensors.size(); }
+    // Streamed reports the channel accepted.
+    uint64_t reports_sent() const { return _reports_sent; }
 
 private:
     struct sensor {
@@ -68,9 +71,13 @@ private:
                               std::vector<std::vector<uint8_t>>& packets);
     void send(std::vector<std::vector<uint8_t>> packets);
     void stream_reports();
+    // One report per stream; false when none went out.
+    bool stream_round();
     void watch_connection();
     void on_connected();
-    // Writes the image and returns the bytes it holds, header included.
+    void schedule_indications();
+    // Writes the image and returns the bytes a write-info message counts: the
+    // stored area without the partition header.
     uint32_t write_sensorstore_image() const;
     const sensor* find(sensor_uid suid) const;
     const sensor* find(const std::string& type) const;
@@ -88,6 +95,11 @@ private:
     std::map<std::pair<uint64_t, uint64_t>, std::chrono::steady_clock::time_point> _streams
         GUARDED_BY(_stream_mutex);
     uint32_t _report_count GUARDED_BY(_stream_mutex) = 0;
+    std::atomic<uint64_t> _reports_sent{0};
+    // Set while a request is handled: a stream at full speed would otherwise
+    // retake the stream lock (and the channel) before the request thread.
+    std::atomic<bool> _request_waiting{false};
+    std::atomic<uint32_t> _write_info_total{0};  // of the image written for this connection
 
     std::thread _requests_thread;
     std::thread _stream_thread;

@@ -133,6 +133,11 @@ bool core_stub::connected() const {
     return _conn_fd >= 0;
 }
 
+size_t core_stub::connections() const {
+    kivhal::lock_guard lock(_mutex);
+    return _connections;
+}
+
 bool core_stub::wait_for_requests(size_t count, std::chrono::milliseconds timeout) {
     kivhal::unique_lock lock(_mutex);
     return _changed.wait_for(lock.native(), timeout,
@@ -142,6 +147,13 @@ bool core_stub::wait_for_requests(size_t count, std::chrono::milliseconds timeou
 std::vector<recorded_request> core_stub::requests() const {
     kivhal::lock_guard lock(_mutex);
     return _requests;
+}
+
+std::vector<recorded_request> core_stub::take_requests() {
+    kivhal::lock_guard lock(_mutex);
+    std::vector<recorded_request> taken;
+    taken.swap(_requests);
+    return taken;
 }
 
 size_t core_stub::request_count() const {
@@ -271,6 +283,7 @@ void core_stub::serve() {
             {
                 kivhal::lock_guard lock(_mutex);
                 _conn_fd = accepted;
+                ++_connections;
             }
             _changed.notify_all();
             continue;

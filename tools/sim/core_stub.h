@@ -105,9 +105,13 @@ public:
     // --- What arrived ----------------------------------------------------------
     bool wait_connected(std::chrono::milliseconds timeout);
     bool connected() const;
+    // Connections accepted so far, also those already closed again.
+    size_t connections() const;
     // True once at least `count` requests have arrived since the last clear.
     bool wait_for_requests(size_t count, std::chrono::milliseconds timeout);
     std::vector<recorded_request> requests() const;
+    // Moves out every request recorded since the last clear or take.
+    std::vector<recorded_request> take_requests();
     size_t request_count() const;
     void clear_requests();
 
@@ -168,6 +172,7 @@ private:
     mutable kivhal::mutex _mutex;
     std::condition_variable _changed;
     int _conn_fd GUARDED_BY(_mutex) = -1;
+    size_t _connections GUARDED_BY(_mutex) = 0;
     bool _stopping GUARDED_BY(_mutex) = false;
     std::vector<recorded_request> _requests GUARDED_BY(_mutex);
     bool _auto_respond GUARDED_BY(_mutex) = false;

@@ -1,0 +1,288 @@
+// The channel capture end to end: a session recorded in this process, replayed
+// by kivhal-coresim against a fresh connection, read by tshark with the
+// dissector; and the capture on paths it must refuse or outgrow.
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <android-base/unique_fd.h>
+
+#include <iostream>
+
+#include "capture_file.h"
+#include "channel_capture.h"
+#include "connection_test_fixture.h"
+#include "sensorstore_image.h"
+#include "sns_std_attr.pb.h"
+#include "tool_process.h"
+
+namespace kivhal {
+namespace test {
+namespace {
+
+using ::testing::AllOf;
+
+const std::string kSim = tool("kivhal-coresim");
+constexpr char kCaptureProperty[] = "persist.vendor.debug.kiv.capture";
+constexpr uint32_t kAttributeRequest = 1;
+constexpr size_t kEvents = 5;  // attributes, a report, two stored reports, a last report
+
+std::string attribute_request(bool stream_updates) {
+    sns_std_attr_req inner;
+    inner.set_streamupdates(stream_updates);
+    sns_client_request_msg envelope;
+    envelope.mutable_suid()->set_uidlow(kAccel.low);
+    envelope.mutable_suid()->set_uidhigh(kAccel.high);
+    envelope.set_msg_id(kAttributeRequest);
+    envelope.mutable_request()->set_payload(inner.SerializeAsString());
+    return envelope.SerializeAsString();
+}
+
+// The low-power part of the connection's dump: what the indications left.
+std::string sessions_of(tav_interface& conn) {
+    const std::string text = dump_of(conn);
+    const size_t from = text.find("  low-power sessions");
+    return text.substr(from, text.find("  wake lock") - from);
+}
+
+class CaptureTest : public connection_test {
+protected:
+    void SetUp() override {
+        connection_test::SetUp();
+        host::set_property("persist.vendor.kiv.ds", "true");
+        host::set_property("persist.vendor.kiv.ds_oda", "true");
+        sensorstore_image().write(root);
+        root.write_file("/data/vendor/.keep", "");
+    }
+
+    // The client's side, the same in the recorded and the replayed session.
+    void drive(bool stream_updates) {
+        ASSERT_EQ(0, register_sensor(kAccel, accel));
+        conn->send_request(kAccel, true, attribute_request(stream_updates), 0);
+    }
+
+    // A session with a response, reports, low-power states and a write-info
+    // whose stored reports the library replays, recorded to `capture`.
+    void record() {
+        host::set_property(kCaptureProperty, capture);
+        core->set_auto_respond(true);
+        sns_std_attr_event attributes;
+        attributes.add_attributelist()->set_attributeid(0);
+        attributes.mutable_attributelist(0)->mutable_value()->add_elementlist()->set_stringvalue("accel");
+        core->set_attributes(kAccel, attributes);
+        ASSERT_NO_FATAL_FAILURE(connect());
+        ASSERT_NO_FATAL_FAILURE(drive(false));
+        ASSERT_TRUE(accel.wait_for(1));
+        core->send_event(core_stub::make_event(kAccel, 1, "live"));
+        core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_STATE_OFF, 0));
+        sensorstore_image image;
+        for (const char* stored : {"stored 1", "stored 2"}) {
+            image.add_record(sensorstore_image::channel_hash(kChannel),
+                             core_stub::make_report(core_stub::make_event(kAccel, 1, stored), true));
+        }
+        image.add_record(sensorstore_image::channel_hash("other"), core_stub::make_report("", true));
+        image.write(root);
+        core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len() - 8));
+        core->send_event(core_stub::make_event(kAccel, 1, "last"));
+        ASSERT_TRUE(accel.wait_for(kEvents));
+        recorded_sessions = sessions_of(*conn);
+        conn.reset();
+        core.reset();
+        host::set_property(kCaptureProperty, "");
+    }
+
+    // A replaying simulator on a fresh root.
+    std::unique_ptr<tool_process> replay(const scoped_root& replay_root) {
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) replay_root.write_file(file, "");
+        auto sim = std::make_unique<tool_process>(
+            kSim, std::vector<std::string>{"--root", replay_root.path(), "--replay", capture, "--fast"});
+        EXPECT_TRUE(sim->wait_for_output("replaying")) << sim->stop(SIGKILL).err;
+        return sim;
+    }
+
+    const std::string capture = root.host_path("/data/vendor/capture.pcapng");
+    std::string recorded_sessions;
+};
+
+TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
+    ASSERT_NO_FATAL_FAILURE(record());
+    struct stat st;
+    ASSERT_EQ(0, stat(capture.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_FALSE(log_contains("capture")) << "capture on must not change the library's log";
+    const auto recorded_events = accel.events();
+    const auto recorded_responses = accel.responses();
+
+    scoped_root replay_root;
+    auto sim = replay(replay_root);
+    event_recorder replayed;
+    conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+    ASSERT_EQ(0, conn->register_cb(kAccel, replayed.response_callback(), nullptr, replayed.callback()));
+    conn->send_request(kAccel, true, attribute_request(false), 0);
+    ASSERT_TRUE(replayed.wait_for(kEvents)) << sim->out();
+    EXPECT_EQ(recorded_sessions, sessions_of(*conn));
+    conn.reset();
+    const tool_result result = sim->stop(0);
+    EXPECT_EQ(0, result.exit_code) << result.out << result.err;
+    EXPECT_THAT(last_line(result.out), HasSubstr("requests as recorded"));
+
+    ASSERT_EQ(recorded_events.size(), replayed.events().size());
+    for (size_t i = 0; i < kEvents; ++i) {
+        EXPECT_EQ(recorded_events[i].payload, replayed.events()[i].payload) << "event " << i;
+    }
+    EXPECT_EQ(recorded_responses, replayed.responses());
+}
+
+// A client that writes raw packets, so a divergence needs no library (which
+// would end this process when the replay hangs up).
+void send_raw(const std::string& socket_path, const std::vector<uint8_t>* packet) {
+    android::base::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, socket_path.c_str(), sizeof(addr.sun_path) - 1);
+    ASSERT_EQ(0, connect(fd.get(), reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
+    if (packet != nullptr) {
+        ASSERT_EQ(ssize_t(packet->size()), send(fd.get(), packet->data(), packet->size(), 0));
+    }
+}
+
+TEST_F(CaptureTest, AChangedRequestIsADivergenceNamingTheField) {
+    expect_refused_at_once(kSim, {"--root", root.path(), "--replay", kExampleConfig});
+    ASSERT_NO_FATAL_FAILURE(record());
+    const tools::capture recorded = tools::read_capture(capture);
+    ASSERT_TRUE(recorded.records.at(0).outbound);
+    const std::vector<uint8_t> request = recorded.records[0].bytes;
+    std::vector<uint8_t> other_session = request;
+    other_session[6] = 7;
+    std::vector<uint8_t> streaming = request;
+    const std::string payload = attribute_request(true);
+    std::copy(payload.begin(), payload.end(), streaming.begin() + SNS_DUCTO_REQ_HEAD_LEN);
+
+    const std::string frame = "diverged at packet " + std::to_string(recorded.records[0].frame) + " (request 1): ";
+    for (const auto& [packet, expected] : std::vector<std::pair<const std::vector<uint8_t>*, std::string>>{
+             {&other_session, "head.session_id: recorded 0, actual 7"},
+             {&streaming, "request.payload.streamUpdates: recorded false, actual true"},
+             {nullptr, "the library hung up before sending it"}}) {
+        scoped_root replay_root;
+        auto sim = replay(replay_root);
+        ASSERT_NO_FATAL_FAILURE(send_raw(replay_root.host_path("/dev/ductopkt_vorla_sensors"), packet));
+        const tool_result result = sim->stop(0);
+        EXPECT_EQ(1, result.exit_code) << expected;
+        EXPECT_EQ("kivhal-coresim: replay " + frame + expected, last_line(result.out));
+    }
+}
+
+TEST_F(CaptureTest, TsharkDecodesTheFramingAndTheProtobufPayloads) {
+    if (std::string(KIVHAL_TSHARK).empty()) GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh installs it)";
+    ASSERT_NO_FATAL_FAILURE(record());
+    const tool_result result = run_program(
+        KIVHAL_TSHARK, {"-r", capture, "-P", "-V", "-X",
+                        "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
+                        "-o", "uat:protobuf_search_paths:\"" + std::string(KIVHAL_SOURCE_DIR) + "/proto\",\"TRUE\""});
+    ASSERT_EQ(0, result.exit_code) << result.err;
+    for (const char* text : {"-> 0x20 SNS_AON_CLIENT_REQ_V01 msg_id 1", "<- 0x20 SNS_AON_CLIENT_RESP_V01",
+                             "<- 0x21 SNS_AON_CLIENT_REPORT_IND_V01 event 128",
+                             "<- 0x31 SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01 SNS_LOW_POWER_WRITE_INFO",
+                             "stored <- 0x22 SNS_AON_CLIENT_JUMBO_REPORT_IND_V01 event 1", "sensorstore header",
+                             "Client request id: 1", "Field(1): uidLow = 4369 (fixed64)",
+                             "Field(1): streamUpdates = false (bool)", "Field(1): attributeId = 0 (int32)",
+                             "Field(2): stringValue = accel (string)"}) {
+        EXPECT_THAT(result.out, HasSubstr(text));
+    }
+}
+
+// Anything but a private regular file of this user is refused with one line;
+// a write that fails switches capture off. The connection carries on.
+TEST_F(CaptureTest, HostilePathsAndAFullDiskLogOnceAndCarryOn) {
+    const std::string dir = root.host_path("/dir"), fifo = root.host_path("/fifo");
+    const std::string link = root.host_path("/link"), foreign = root.host_path("/foreign");
+    const std::string limited = root.host_path("/limited");
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    ASSERT_EQ(0, symlink(limited.c_str(), link.c_str()));
+    root.write_file("/foreign", "");
+    constexpr rlim_t kFileLimit = 2048;  // the section header and one request fit
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+    signal(SIGXFSZ, SIG_IGN);
+    core->set_auto_respond(true);
+    for (const auto& [path, line] : std::vector<std::pair<std::string, std::string>>{
+             {dir, "cannot be opened: Is a directory"},
+             {fifo, "cannot be opened: No such device or address"},
+             {link, "cannot be opened: Too many levels of symbolic links"},
+             {foreign, "refused: owned by uid 65534"},
+             {limited, "write failed: "}}) {
+        if (path == foreign && (geteuid() != 0 || chown(foreign.c_str(), 65534, 65534) != 0)) {
+            std::cout << "[ SKIPPED  ] a file of another user: chown needs root\n";
+            continue;
+        }
+        host::clear_captured_log();
+        host::set_property(kCaptureProperty, path);
+        struct rlimit limit = {kFileLimit, saved.rlim_max};
+        ASSERT_EQ(0, path == limited ? setrlimit(RLIMIT_FSIZE, &limit) : 0);
+        ASSERT_NO_FATAL_FAILURE(connect());
+        event_recorder answers;
+        ASSERT_EQ(0, conn->register_cb(kAccel, answers.response_callback(), nullptr, nullptr));
+        for (int i = 0; i < 3; ++i) send(kAccel, kAttributeRequest);
+        EXPECT_TRUE(answers.wait_responses(3)) << path;
+        setrlimit(RLIMIT_FSIZE, &saved);
+        const auto lines = log_lines_containing("TAV_DUCTO capture to " + path, ANDROID_LOG_ERROR);
+        ASSERT_EQ(1u, lines.size()) << path;
+        EXPECT_THAT(lines[0].text, AllOf(HasSubstr(line), HasSubstr("capture off")));
+        EXPECT_THAT(dump_of(*conn), HasSubstr(path == limited ? "  capture: off after an error, \"" + path
+                                                              : std::string("  capture: off\n")));
+        conn.reset();
+    }
+    struct stat st;
+    ASSERT_EQ(0, stat(limited.c_str(), &st));
+    EXPECT_LE(st.st_size, off_t(kFileLimit));
+    EXPECT_GE(tools::read_capture(limited).records.size(), 1u);  // what fit is readable
+}
+
+TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
+    scoped_root root;
+    const std::string path = root.host_path("/capture.pcapng");
+    constexpr uint64_t kLimit = 4096;
+    constexpr int kPackets = 20;
+    {
+        auto capture = connection::channel_capture::open(path, "sensors", kLimit);
+        ASSERT_TRUE(capture);
+        std::vector<uint8_t> packet(500);
+        for (int i = 0; i < kPackets; ++i) {
+            packet[0] = static_cast<uint8_t>(i);
+            capture->channel_packet(connection::kEpbFlagsInbound, i, packet.data(), packet.size());
+        }
+        EXPECT_EQ(uint64_t(kPackets), capture->get_status().records);
+    }
+    const tools::capture current = tools::read_capture(path);
+    const tools::capture previous = tools::read_capture(path + ".1");
+    ASSERT_FALSE(current.records.empty());
+    ASSERT_FALSE(previous.records.empty());
+    // .1 holds the run just before the current file; older ones are gone.
+    EXPECT_EQ(kPackets - 1, current.records.back().bytes[0]);
+    EXPECT_EQ(current.records.front().bytes[0], previous.records.back().bytes[0] + 1);
+    EXPECT_GT(previous.records.front().bytes[0], 0);
+    for (const std::string& file : {path, path + ".1"}) {
+        struct stat st;
+        ASSERT_EQ(0, stat(file.c_str(), &st));
+        EXPECT_LT(uint64_t(st.st_size), kLimit + 600) << file;
+        EXPECT_EQ(0600u, st.st_mode & 0777);
+    }
+    EXPECT_EQ("sensors", current.channel);
+
+    // A new connection moves the session aside; one that never wrote a record
+    // does not, so the session is still there after a failed start.
+    for (int start = 0; start < 2; ++start) ASSERT_TRUE(connection::channel_capture::open(path, "sensors"));
+    const tools::capture kept = tools::read_capture(path + ".1");
+    ASSERT_FALSE(kept.records.empty());
+    EXPECT_EQ(kPackets - 1, kept.records.back().bytes[0]);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace kivhal
