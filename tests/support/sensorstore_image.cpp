@@ -47,7 +47,7 @@ uint32_t sensorstore_image::area_len() const {
 
 std::vector<uint8_t> sensorstore_image::bytes() const {
     std::vector<uint8_t> out;
-    append_le32(out, _data_len_set ? _data_len : area_len());
+    append_le32(out, _data_len.value_or(area_len()));
     append_le32(out, _reset_data_len);
     out.insert(out.end(), _records.begin(), _records.end());
     return out;

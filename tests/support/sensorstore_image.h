@@ -4,6 +4,7 @@
 // channel hash and one channel packet each.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,6 @@ public:
     sensorstore_image& add_raw(const std::vector<uint8_t>& bytes);
     // Header fields; data_len defaults to the header plus everything added.
     sensorstore_image& set_data_len(uint32_t data_len) {
-        _data_len_set = true;
         _data_len = data_len;
         return *this;
     }
@@ -40,8 +40,7 @@ public:
 
 private:
     std::vector<uint8_t> _records;
-    bool _data_len_set = false;
-    uint32_t _data_len = 0;
+    std::optional<uint32_t> _data_len;
     uint32_t _reset_data_len = 0;
 };
 
