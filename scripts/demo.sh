@@ -39,18 +39,7 @@ config=examples/oem_config.xml
 echo "=== kivhal-lint $config"
 "$tools/kivhal-lint" "$config"
 
-work=$(mktemp -d)
-root="$work/root"
-mkdir "$root"
-sim_pid=""
-stop_sim() {
-    if [ -n "$sim_pid" ]; then
-        kill -TERM "$sim_pid" 2>/dev/null || true
-        wait "$sim_pid" 2>/dev/null || true
-        sim_pid=""
-    fi
-}
-trap 'stop_sim; rm -rf "$work"' EXIT
+. scripts/lib/sim_workdir.sh
 
 echo "=== kivhal-coresim on $root"
 "$tools/kivhal-coresim" --root "$root" --config "$config" >"$work/coresim.log" 2>&1 &

@@ -33,18 +33,7 @@ fi
 rm -f "$build_log"
 tools=build/default/tools
 
-work=$(mktemp -d)
-root="$work/root"
-mkdir "$root"
-sim_pid=""
-stop_sim() {
-    if [ -n "$sim_pid" ]; then
-        kill -TERM "$sim_pid" 2>/dev/null || true
-        wait "$sim_pid" 2>/dev/null || true
-        sim_pid=""
-    fi
-}
-trap 'stop_sim; rm -rf "$work"' EXIT
+. scripts/lib/sim_workdir.sh
 
 # Session 0 leaves and re-enters its low-power state, then a write-info
 # replays the stored reports, every two seconds.

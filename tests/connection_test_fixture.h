@@ -19,6 +19,7 @@
 #include "event_recorder.h"
 #include "kiv_log.h"
 #include "kivhal/host.h"
+#include "sensorstore_image.h"
 #include "tav_ducto.h"
 #include "test_support.h"
 
@@ -78,6 +79,12 @@ protected:
         ASSERT_TRUE(core->wait_connected(kWait));
     }
     tav_ducto* ducto() { return static_cast<tav_ducto*>(conn.get()); }
+    // Low-power messages and the sensor store switched on, over an empty partition.
+    void enable_sensor_store() {
+        host::set_property("persist.vendor.kiv.ds", "true");
+        host::set_property("persist.vendor.kiv.ds_oda", "true");
+        sensorstore_image().write(root);
+    }
     int register_sensor(sensor_uid suid, event_recorder& recorder) {
         return conn->register_cb(suid, recorder.response_callback(), nullptr, recorder.callback());
     }

@@ -50,9 +50,7 @@ class sensor_store_test : public connection_test {
 protected:
     void SetUp() override {
         connection_test::SetUp();
-        host::set_property("persist.vendor.kiv.ds", "true");
-        host::set_property("persist.vendor.kiv.ds_oda", "true");
-        sensorstore_image().write(root);
+        enable_sensor_store();
         ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_EQ(0, register_sensor(kAccel, accel));
     }

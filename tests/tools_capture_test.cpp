@@ -54,9 +54,7 @@ class CaptureTest : public connection_test {
 protected:
     void SetUp() override {
         connection_test::SetUp();
-        host::set_property("persist.vendor.kiv.ds", "true");
-        host::set_property("persist.vendor.kiv.ds_oda", "true");
-        sensorstore_image().write(root);
+        enable_sensor_store();
         root.write_file("/data/vendor/.keep", "");
     }
 
