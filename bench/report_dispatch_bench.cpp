@@ -17,7 +17,7 @@
 // once per process.
 //
 // Counters: conn_reports_per_s, bare_reports_per_s, ratio (connection /
-// bare), bare_specified_reports_per_s, ratio_to_bare_specified, heap
+// bare), bare_required_reports_per_s, ratio_to_bare_required, heap
 // allocations per report on each receiving thread, and
 // wakelock_writes_per_report (the connection's kernel lock and unlock writes).
 
@@ -129,7 +129,7 @@ __attribute__((noinline)) void bare_callback(const sensor_uid& suid, uint64_t* c
 // loop's: its poll also watches the reader's wake-up pipe, and the delivery
 // takes and gives back the kernel wake lock (the lock's name with its NUL,
 // once to each file).
-struct specified_kernel_calls {
+struct required_kernel_calls {
     int wakeup_fd;
     int lock_fd;
     int unlock_fd;
@@ -141,7 +141,7 @@ struct specified_kernel_calls {
 };
 
 batch_result run_bare_batch(const std::vector<uint8_t>& report,
-                            const specified_kernel_calls* specified = nullptr) {
+                            const required_kernel_calls* required = nullptr) {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds) != 0) abort();
     std::thread sender([&] {
@@ -149,11 +149,11 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
             if (send(fds[0], report.data(), report.size(), MSG_NOSIGNAL) < 0) break;
         }
     });
-    // Entry 0 is polled only with the specified calls.
-    struct pollfd poll_set[2] = {{specified ? specified->wakeup_fd : -1, POLLIN, 0},
+    // Entry 0 is polled only with the required calls.
+    struct pollfd poll_set[2] = {{required ? required->wakeup_fd : -1, POLLIN, 0},
                                  {fds[1], POLLIN | POLLHUP, 0}};
-    struct pollfd* const first = specified ? &poll_set[0] : &poll_set[1];
-    const nfds_t entries = specified ? 2 : 1;
+    struct pollfd* const first = required ? &poll_set[0] : &poll_set[1];
+    const nfds_t entries = required ? 2 : 1;
 
     std::vector<uint8_t> buf(SNS_DUCTO_PACKET_LEN);
     // Reused, as the connection's reader reuses its own: the floor does the
@@ -173,7 +173,7 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
         memcpy(&len, buf.data() + SNS_DUCTO_IND_PAYLOAD_LEN_OFFSET, sizeof(len));
         event.ParseFromArray(buf.data() + SNS_DUCTO_IND_PAYLOAD_OFFSET, static_cast<int>(len));
         bare_callback(sensor_uid{event.suid().uidlow(), event.suid().uidhigh()}, &received);
-        if (specified != nullptr) specified->take_and_give_back_wakelock();
+        if (required != nullptr) required->take_and_give_back_wakelock();
     }
     const auto end = clock_type::now();
     const uint64_t used = kivhal::test::counted_allocations() - allocations;
@@ -188,7 +188,7 @@ batch_result run_bare_batch(const std::vector<uint8_t>& report,
 struct iteration_result {
     double conn_seconds;
     double bare_seconds;
-    double bare_specified_seconds;
+    double bare_required_seconds;
     uint64_t conn_allocations;
     uint64_t bare_allocations;
     uint64_t wakelock_writes;  // kernel lock and unlock writes, the window's end included
@@ -229,13 +229,13 @@ public:
     }
 
     iteration_result run_iteration() {
-        const specified_kernel_calls specified{_wakeup_read.get(), _lock_fd.get(), _unlock_fd.get()};
+        const required_kernel_calls required{_wakeup_read.get(), _lock_fd.get(), _unlock_fd.get()};
         const uint64_t writes = kernel_writes();
         const batch_result via_connection = run_connection_batch(*_core, _counter, _report);
         const batch_result bare = run_bare_batch(_report);
-        const batch_result bare_specified = run_bare_batch(_report, &specified);
+        const batch_result bare_required = run_bare_batch(_report, &required);
         // A hold-off's release falls within the bare batches, which outlast it.
-        return {via_connection.seconds, bare.seconds, bare_specified.seconds,
+        return {via_connection.seconds, bare.seconds, bare_required.seconds,
                 via_connection.allocations, bare.allocations, kernel_writes() - writes};
     }
 
@@ -347,7 +347,7 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         state.SkipWithError(error.c_str());
         return;
     }
-    double conn_seconds = 0, bare_seconds = 0, bare_specified_seconds = 0;
+    double conn_seconds = 0, bare_seconds = 0, bare_required_seconds = 0;
     uint64_t conn_allocations = 0, bare_allocations = 0, wakelock_writes = 0, batches = 0;
     for (auto _ : state) {
         iteration_result r;
@@ -358,7 +358,7 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         state.SetIterationTime(r.conn_seconds);
         conn_seconds += r.conn_seconds;
         bare_seconds += r.bare_seconds;
-        bare_specified_seconds += r.bare_specified_seconds;
+        bare_required_seconds += r.bare_required_seconds;
         conn_allocations += r.conn_allocations;
         bare_allocations += r.bare_allocations;
         wakelock_writes += r.wakelock_writes;
@@ -369,8 +369,8 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
     state.counters["conn_reports_per_s"] = reports / conn_seconds;
     state.counters["bare_reports_per_s"] = reports / bare_seconds;
     state.counters["ratio"] = bare_seconds / conn_seconds;
-    state.counters["bare_specified_reports_per_s"] = reports / bare_specified_seconds;
-    state.counters["ratio_to_bare_specified"] = bare_specified_seconds / conn_seconds;
+    state.counters["bare_required_reports_per_s"] = reports / bare_required_seconds;
+    state.counters["ratio_to_bare_required"] = bare_required_seconds / conn_seconds;
     state.counters["conn_allocs_per_report"] = static_cast<double>(conn_allocations) / reports;
     state.counters["bare_allocs_per_report"] = static_cast<double>(bare_allocations) / reports;
     state.counters["wakelock_writes_per_report"] = static_cast<double>(wakelock_writes) / reports;
