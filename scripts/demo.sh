@@ -44,10 +44,7 @@ echo "=== kivhal-lint $config"
 echo "=== kivhal-coresim on $root"
 "$tools/kivhal-coresim" --root "$root" --config "$config" >"$work/coresim.log" 2>&1 &
 sim_pid=$!
-for _ in $(seq 100); do
-    grep -q "serving" "$work/coresim.log" && break
-    sleep 0.1
-done
+wait_sim_serving
 cat "$work/coresim.log"
 
 echo

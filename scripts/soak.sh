@@ -40,10 +40,7 @@ tools=build/default/tools
 "$tools/kivhal-coresim" --root "$root" --report-ms 0 --low-power 500:off,1000:on \
     --write-info 1500 --repeat-ms 2000 >"$work/coresim.log" 2>&1 &
 sim_pid=$!
-for _ in $(seq 100); do
-    grep -q "serving" "$work/coresim.log" && break
-    sleep 0.1
-done
+wait_sim_serving
 
 echo "=== soak: ${seconds} s, wake-lock hold-off ${holdoff} ms"
 client_status=0

@@ -13,3 +13,10 @@ stop_sim() {
     fi
 }
 trap 'stop_sim; rm -rf "$work"' EXIT
+# Waits up to 10 s for the simulator's log ($work/coresim.log) to say it serves.
+wait_sim_serving() {
+    for _ in $(seq 100); do
+        grep -q "serving" "$work/coresim.log" && return 0
+        sleep 0.1
+    done
+}
