@@ -5,6 +5,7 @@
 
 #include "kiv_sensor_factory.h"
 #include "sns_client.pb.h"
+#include "sns_msg_ids.h"
 #include "sns_suid.pb.h"
 #include "tool_cli.h"
 
@@ -13,10 +14,8 @@ namespace tools {
 
 namespace {
 
-constexpr uint32_t kLookupRequestMsgId = 512;
-constexpr uint32_t kLookupEventMsgId = 768;
+// Any request but attributes and disable starts the simulator streaming.
 constexpr uint32_t kEnableRequestMsgId = 513;
-constexpr uint32_t kDisableRequestMsgId = 10;
 constexpr int kSession = 0;
 constexpr std::chrono::seconds kAnswerWait{10};
 constexpr std::chrono::milliseconds kRemovalPoll{1};
@@ -59,7 +58,7 @@ void soak_client::look_up(const std::vector<std::string>& types) {
     for (const std::string& type : types) {
         sns_suid_req request;
         request.set_datatypename(type);
-        send(lookupSuid, kLookupRequestMsgId, request.SerializeAsString());
+        send(lookupSuid, msg::LOOKUP_REQUEST, request.SerializeAsString());
     }
     kivhal::unique_lock lock(_mutex);
     _answered.wait_for(lock.native(), kAnswerWait, [&]() REQUIRES(_mutex) {
@@ -75,7 +74,7 @@ void soak_client::on_lookup_event(const uint8_t* data, uint32_t len) {
     if (!message.ParseFromArray(data, static_cast<int>(len))) return;
     for (const auto& event : message.eventlist()) {
         sns_suid_event answer;
-        if (event.msg_id() != kLookupEventMsgId || !answer.ParseFromString(event.payload()) ||
+        if (event.msg_id() != msg::LOOKUP_EVENT || !answer.ParseFromString(event.payload()) ||
             answer.suids_size() == 0) {
             continue;
         }
@@ -113,7 +112,7 @@ void soak_client::send(sensor_uid suid, uint32_t msg_id, const std::string& payl
 // The registration goes when the disable's answer has been handled, after the
 // sensor's last report.
 void soak_client::disable_and_wait(sensor_uid suid) {
-    send(suid, kDisableRequestMsgId);
+    send(suid, msg::DISABLE_REQUEST);
     const auto deadline = std::chrono::steady_clock::now() + kAnswerWait;
     while (_conn->get_clientreq_id(suid) != 0) {
         if (std::chrono::steady_clock::now() > deadline) {
