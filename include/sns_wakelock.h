@@ -85,7 +85,6 @@ private:
     int _unlock_fd;
     bool _held GUARDED_BY(_mutex);
     const uint32_t _holdoff_ms;
-    const int64_t _holdoff_ns;
     bool _release_pending GUARDED_BY(_mutex);
     int64_t _release_deadline_ns GUARDED_BY(_mutex);
     std::vector<wakelock_timer_host*> _timer_hosts GUARDED_BY(_mutex);

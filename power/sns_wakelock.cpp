@@ -86,7 +86,6 @@ sns_wakelock::sns_wakelock()
       _unlock_fd(-1),
       _held(false),
       _holdoff_ms(read_holdoff_ms(KIV_LOG_OP)),
-      _holdoff_ns(static_cast<int64_t>(_holdoff_ms) * kNsPerMs),
       _release_pending(false),
       _release_deadline_ns(0),
       _armed_host(nullptr),
@@ -164,9 +163,9 @@ void sns_wakelock::put_n_locks(uint32_t n) {
 }
 
 bool sns_wakelock::defer_release() {
-    if (_holdoff_ns == 0 || _timer_hosts.empty()) return false;
+    if (_holdoff_ms == 0 || _timer_hosts.empty()) return false;
     wakelock_timer_host* host = _timer_hosts.front();
-    _release_deadline_ns = host->now_ns() + _holdoff_ns;
+    _release_deadline_ns = host->now_ns() + static_cast<int64_t>(_holdoff_ms) * kNsPerMs;
     _release_pending = true;
     // One timer per window, not one signal per report: a timer that expires
     // before the newest deadline is re-armed by on_holdoff_timer.
