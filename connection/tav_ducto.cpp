@@ -285,7 +285,13 @@ void tav_ducto::ducto_disconnect(bool stop_reader) {
             KIV_LOGE("TAV_DUCTO write err on wakup pipe rrrno = %d no way to join readthread",
                      errno);
         }
-        if (_reader_thread.joinable()) _reader_thread.join();
+        // A service that owns the connection in a static object destroys it
+        // from exit(), which a hang-up calls on the reader thread itself.
+        if (_reader_thread.get_id() == std::this_thread::get_id()) {
+            _reader_thread.detach();
+        } else if (_reader_thread.joinable()) {
+            _reader_thread.join();
+        }
         {
             kivhal::lock_guard lock(_s_mutex);
             _free_client_req_ids.clear();
@@ -324,12 +330,9 @@ void tav_ducto::ducto_error_handler(int error) {
         KIV_LOGD("TAV_DUCTO_int Inside POLLHUP error handler");
         _is_reconnecting = true;
         ducto_disconnect(false);
-        // The kernel keeps a named lock after its process is gone.
-        if (_wakelock != nullptr) _wakelock->flush_deferred_release();
-        // Status 1 as exit(1) gives it, without running static destructors
-        // under the service's other threads, which may still be using them.
-        fflush(nullptr);
-        _exit(1);
+        // The service's own atexit handlers and static destructors run; so
+        // does the wake lock's, which writes a release the hold-off deferred.
+        exit(1);
     }
     KIV_LOGV("TAV_DUCTO_int waitig for _s_ducto_read_mutex");
     kivhal::lock_guard lock(_s_ducto_read_mutex);

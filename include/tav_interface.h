@@ -65,9 +65,12 @@ public:
     // Frames the encoded request and writes it; failures are thrown.
     virtual int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) = 0;
 
+    virtual ~tav_interface() {}
+
     // Writes the connection's state to `fd` as text, for bug reports. Takes
     // each lock only to copy what it shows; nothing is held while writing.
+    // Declared after the destructor on purpose: the first slots (the two
+    // operations, then the destructor pair) are what services are built
+    // against, and an addition may only extend the table.
     virtual void dump(int fd) { (void)fd; }
-
-    virtual ~tav_interface() {}
 };

@@ -65,8 +65,8 @@ sns_wakelock* sns_wakelock::get_instance() {
     return _self;
 }
 
-// A service that calls exit() with a release pending must not leave the
-// kernel lock held; _exit() paths flush by hand.
+// A process that ends through exit() with a release pending, a hang-up of
+// the channel included, must not leave the kernel lock held.
 void sns_wakelock::flush_at_exit() {
     if (_self != nullptr) _self->flush_deferred_release();
 }

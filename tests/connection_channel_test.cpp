@@ -1,14 +1,32 @@
 // Channel errors a socket cannot produce on its own, injected through the
 // channel hooks: open time-outs, descriptor 0, busy and partial writes, read
-// EAGAIN, the error counter, and the hang-up that ends the process.
+// EAGAIN, the error counter, and the hang-up that ends the process; and the
+// interface's slots as a service built against it calls them.
+#include <android-base/file.h>
 #include <android-base/scopeguard.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+
 #include "connection_test_fixture.h"
+#include "sns_wakelock.h"
 
 namespace kivhal {
 namespace test {
+
+// The interface as services are built against it: the two operations, then
+// the destructor pair, and nothing between. Outside the unnamed namespace:
+// there, no other class could derive from it, and the compiler would take
+// every call for a pure virtual one.
+class service_view {
+public:
+    virtual int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
+                            tav_event_cb event_cb) = 0;
+    virtual int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) = 0;
+    virtual ~service_view() {}
+};
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -138,6 +156,95 @@ TEST_F(connection_test, ErrorStreaksStartOverPastTheLimitAndEndWithACleanPass) {
     ASSERT_EQ(1, write(write_end, "x", 1));
     core->send_event(core_stub::make_event(kAccel, 1, "still reading"));
     EXPECT_TRUE(accel.wait_for(2));
+}
+
+size_t entries(const char* dir) {
+    std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir), closedir);
+    size_t n = 0;
+    while (d && readdir(d.get()) != nullptr) ++n;
+    return n;
+}
+
+// Calls through the service's table on purpose: the type differs from the
+// object's, which is what the undefined-behaviour checker would object to.
+__attribute__((no_sanitize("undefined"))) void end_through_service_view(tav_interface* conn,
+                                                                        bool deleting) {
+    auto* view = reinterpret_cast<service_view*>(conn);
+    for (const int registered : {0, -1}) {
+        ASSERT_EQ(registered, view->register_cb(kAccel, tav_resp_cb(), tav_error_cb(), tav_event_cb()));
+    }
+    if (deleting) {
+        delete view;
+    } else {
+        view->~service_view();
+        ::operator delete(conn);
+    }
+}
+
+TEST_F(connection_test, AServiceBuiltAgainstTheInterfaceEndsTheConnectionThroughItsSlots) {
+    sns_wakelock::get_instance();  // its descriptors stay for the process's life
+    for (const bool deleting : {true, false}) {
+        const size_t threads = entries("/proc/self/task"), fds = entries("/proc/self/fd");
+        tav_interface* raw = tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel});
+        ASSERT_TRUE(core->wait_connected(kWait));
+        EXPECT_EQ(threads + 2, entries("/proc/self/task"));  // the reader and the worker
+        end_through_service_view(raw, deleting);
+        EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; })) << deleting;
+        EXPECT_EQ(fds, entries("/proc/self/fd")) << deleting;
+    }
+}
+
+std::string g_exit_marker;
+void write_exit_marker() { android::base::WriteStringToFile("atexit ran", g_exit_marker); }
+
+// A hang-up ends the process through exit(1): the service's own atexit
+// handlers and static destructors run, and nothing the library deferred is
+// lost: the wake lock's release and the capture's last packet. A connection
+// that a static object owns is destroyed by exit() on the reader thread.
+TEST_F(connection_test, AHangUpEndsTheProcessThroughExitAndLosesNothing) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The child re-runs this body on a root of its own: it inherits the
+    // parent's through the environment, where the results are read.
+    constexpr char kParentRoot[] = "KIVHAL_TEST_PARENT_ROOT";
+    setenv(kParentRoot, root.path().c_str(), 0);
+    auto unset = android::base::make_scope_guard([&] { unsetenv(kParentRoot); });
+    const std::string on(getenv(kParentRoot));
+    const std::string name("KIVHAL_WAKEUP\0", 14);
+    core.reset();  // the child serves the parent's channel
+    for (const bool static_owner : {false, true}) {
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock", "/marker"}) {
+            android::base::WriteStringToFile("", on + file);
+        }
+        unlink((on + "/capture").c_str());
+        EXPECT_EXIT(
+            {
+                setenv("KIVHAL_ROOT", on.c_str(), 1);
+                g_exit_marker = on + "/marker";
+                atexit(write_exit_marker);
+                host::set_property("persist.vendor.kiv.wakelock_holdoff_ms", "10000");
+                host::set_property("persist.vendor.debug.kiv.capture", on + "/capture");
+                core = std::make_unique<core_stub>(kChannel);
+                static std::unique_ptr<tav_interface> owner;
+                ASSERT_NO_FATAL_FAILURE(connect());
+                if (static_owner) owner = std::move(conn);
+                tav_interface& c = static_owner ? *owner : *conn;
+                ASSERT_EQ(0, c.register_cb(kAccel, nullptr, nullptr, accel.callback()));
+                core->send_event(core_stub::make_event(kAccel, 1, "last before the hang-up"));
+                ASSERT_TRUE(accel.wait_for(1));
+                core->close_connection();
+                std::this_thread::sleep_for(std::chrono::seconds(10));
+            },
+            ::testing::ExitedWithCode(1), "");
+        std::string marker, lock, unlock, capture;
+        android::base::ReadFileToString(on + "/marker", &marker);
+        android::base::ReadFileToString(on + "/sys/power/wake_lock", &lock);
+        android::base::ReadFileToString(on + "/sys/power/wake_unlock", &unlock);
+        android::base::ReadFileToString(on + "/capture", &capture);
+        EXPECT_EQ("atexit ran", marker) << static_owner;
+        EXPECT_EQ(name, lock) << static_owner;
+        EXPECT_EQ(name, unlock) << static_owner;
+        EXPECT_THAT(capture, HasSubstr("last before the hang-up")) << static_owner;
+    }
 }
 
 }  // namespace

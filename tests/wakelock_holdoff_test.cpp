@@ -163,24 +163,6 @@ TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
     EXPECT_EQ(kName + kName, root.read_file(kUnlockFile));
 }
 
-TEST_F(connection_test, HangUpWritesAPendingReleaseBeforeTheProcessEnds) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            host::set_property(kHoldoffProperty, "10000");
-            kiv_log::set_level(kiv_log::VERBOSE);
-            kiv_log::set_stderr_logging(true);
-            ASSERT_NO_FATAL_FAILURE(connect());
-            ASSERT_EQ(0, register_sensor(kAccel, accel));
-            core->send_event(core_stub::make_event(kAccel, 1, "x"));
-            ASSERT_TRUE(accel.wait_for(1));
-            core->close_connection();
-            std::this_thread::sleep_for(std::chrono::seconds(5));
-        },
-        ::testing::ExitedWithCode(1),
-        "POLLHUP event is received(.*\n)*.*sucess release KIVHAL_WAKEUP wakelock\n");
-}
-
 }  // namespace
 }  // namespace test
 }  // namespace kivhal
