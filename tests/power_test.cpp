@@ -294,6 +294,8 @@ TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesCh
 
     handle(kOff, 3);
     handle(kOff, 5);
+    send(kAccel, 513, 3);  // a known session keeps the state the core last reported
+    EXPECT_THAT(sessions(), HasSubstr("session 3: off\n"));
     handle(kOn, 5);  // 3 still needs the processor
     EXPECT_THAT(sessions(), HasSubstr("aggregate off\n"));
     EXPECT_EQ(1, service->acquires);
