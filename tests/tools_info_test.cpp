@@ -4,6 +4,10 @@
 #include <memory>
 #include <regex>
 
+#include "core_stub.h"
+#include "event_recorder.h"
+#include "sns_suid.pb.h"
+#include "tav_interface.h"
 #include "test_support.h"
 #include "tool_process.h"
 
@@ -164,6 +168,31 @@ TEST_F(InfoTest, SimulatorRestartEndsTheServiceAsOnTheDevice) {
     EXPECT_EQ(1, result.exit_code);
     EXPECT_THAT(result.err, HasSubstr("POLLHUP event is received"));
     EXPECT_TRUE(sim->wait_for_output("restart: closing the channel", milliseconds(1000)));
+}
+
+// Answers still delayed when a client goes never reach the client after it:
+// its own answer comes last, after anything else due before it.
+TEST_F(InfoTest, AnswersPendingForAClientThatLeftNeverReachTheNextOne) {
+    ASSERT_NO_FATAL_FAILURE(start_sim({"--delay-ms", "300"}));
+    sns_suid_req lookup;
+    lookup.set_datatypename("registry");
+    sns_client_request_msg request;
+    request.mutable_suid()->set_uidlow(core_stub::kLookupSuidHalf);
+    request.mutable_suid()->set_uidhigh(core_stub::kLookupSuidHalf);
+    request.set_msg_id(core_stub::kLookupRequestMsgId);
+    request.mutable_request()->set_payload(lookup.SerializeAsString());
+    const std::string payload = request.SerializeAsString();
+    for (const int requests : {50, 1}) {
+        event_recorder recorder;
+        std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, {"sensors"}));
+        ASSERT_EQ(0, conn->register_cb(core_stub::lookup_suid(), recorder.response_callback(), nullptr,
+                                       recorder.callback()));
+        for (int i = 0; i < requests; ++i) conn->send_request(core_stub::lookup_suid(), true, payload, 0);
+        if (requests > 1) continue;  // gone at once, its answers still due
+        ASSERT_TRUE(recorder.wait_for(1));
+        EXPECT_EQ(1u, recorder.events().size());
+        EXPECT_EQ(1u, recorder.responses().size());
+    }
 }
 
 // The simulator's command line and its hold on the channel's socket.
