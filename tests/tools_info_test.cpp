@@ -100,6 +100,20 @@ TEST_F(InfoTest, FirstBootReportsSensorsAttributesAndEveryQuery) {
     EXPECT_THAT(root.read_file(kListPath), HasSubstr("heart_rate\n"));
 }
 
+// Names are bytes; JSON is text: what is not UTF-8 is escaped byte by byte.
+TEST_F(InfoTest, JsonEscapesNamesThatAreNotUtf8) {
+    root.write_file("/odd.xml", "<configuration type=\"KIV_oem_datatype\"><datatypes><datatype "
+                                "sensor_type=\"hr\xff\xc3\xa9\" type=\"heart_rate\" data_type_value=\"0x1000\"/>"
+                                "</datatypes></configuration>\n");
+    const std::string config = root.host_path("/odd.xml");
+    sim = std::make_unique<tool_process>(tool("kivhal-coresim"), std::vector<std::string>{"--root", root.path(), "--config", config});
+    ASSERT_TRUE(sim->wait_for_output("serving"));
+    const tool_result result = info({"--json", "--first-boot", "--quiet"}, config);
+    ASSERT_EQ(0, result.exit_code) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("{\"name\": \"hr\\u00ff\xc3\xa9\", \"available\": true"));
+    EXPECT_EQ(std::string::npos, result.out.find('\xff'));
+}
+
 TEST_F(InfoTest, LaterBootTableWithASilentSensorType) {
     root.write_file(kListPath, kExampleListWithoutSpo2);
     ASSERT_NO_FATAL_FAILURE(start_sim({"--silent", "spo2"}));
