@@ -141,6 +141,16 @@ info_options parse_options(int argc, char** argv, bool& help) {
     return options;
 }
 
+// Without a configuration, discovery stops after creating an empty persisted
+// list, and the next run would take that for a later boot's list.
+void require_config(const std::string& path, const std::string& fix) {
+    try {
+        check_input_file(path, input_kind::regular_file, kMaxConfigFileSize);
+    } catch (const usage_error& e) {
+        throw tool_error(std::string(e.what()) + fix);
+    }
+}
+
 #ifndef __ANDROID__
 // A file the parser rejects would make discovery skip every lookup and end in
 // a "nothing found" report that hides the cause; one it hangs on, never end.
@@ -175,14 +185,8 @@ void prepare_host_root(const info_options& options) {
         if (error) throw usage_error("cannot copy " + options.config + ": " + error.message());
     }
     if (options.config.empty()) {
-        // Without one, discovery stops after creating an empty persisted
-        // list, and the next run would take it for a later boot's.
         const std::string config = host(kConfigPath).string();
-        try {
-            check_input_file(config, input_kind::regular_file, kMaxConfigFileSize);
-        } catch (const usage_error& e) {
-            throw tool_error(std::string(e.what()) + "; pass --config FILE");
-        }
+        require_config(config, "; pass --config FILE");
         refuse_rejected_config(config);
     }
     fs::create_directories(host(kListPath).parent_path());
@@ -338,6 +342,7 @@ int run(int argc, char** argv) {
         !options.properties.empty()) {
         throw usage_error("--root, --config, --first-boot and --property work on a host only");
     }
+    require_config(kConfigPath, "");
 #else
     prepare_host_root(options);
 #endif
