@@ -10,6 +10,7 @@
 #include "kiv_log.h"
 #include "kiv_sensor_factory.h"
 #include "kivhal/platform.h"
+#include "sns_ducto_packet.h"
 
 using kivhal::discovery::increment_or_abort;
 
@@ -18,6 +19,34 @@ namespace {
 constexpr const char* kMandatoryListPath = "/mnt/vendor/persist/sensors/kiv_sensors_list.txt";
 constexpr int kMandatoryWaitPasses = 8;
 constexpr int64_t kMandatoryWaitPauseMs = 1000;
+// A listed name was once looked up, so it fit a request's payload; a longer
+// line is damage and is not kept in memory.
+constexpr size_t kMaxListedNameLen = SNS_DUCTO_REQ_MAX_PAYLOAD_LEN;
+
+// The reason a path that exists cannot be read as the list: anything but a
+// regular file (a FIFO would block the open for ever).
+int unreadable_kind_errno(const struct stat& info) {
+    if (S_ISREG(info.st_mode)) return 0;
+    return S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+}
+
+// Reads one line of at most kMaxListedNameLen bytes into `name`; a longer one
+// is skipped to its end and reported through `length`. False at the end.
+bool read_listed_name(std::istream& in, std::string* name, size_t* length) {
+    name->clear();
+    *length = 0;
+    std::streambuf* buffer = in.rdbuf();
+    for (;;) {
+        const int c = buffer->sbumpc();
+        if (c == std::char_traits<char>::eof()) {
+            // As std::getline leaves the stream.
+            in.setstate(*length > 0 ? std::ios::eofbit : std::ios::eofbit | std::ios::failbit);
+            return *length > 0;
+        }
+        if (c == '\n') return true;
+        if (++*length <= kMaxListedNameLen) name->push_back(static_cast<char>(c));
+    }
+}
 
 bool is_mandatory(const std::string& name) REQUIRES(discoveryMutex) {
     return std::find(mandatorySensors.begin(), mandatorySensors.end(), name) !=
@@ -46,14 +75,22 @@ void kiv_sensor_factory::init_mandatory_list_db() {
 
     KIV_LOGI("it's a later boot");
     if (!listReader.is_open()) {
-        listReader.open(path, std::ios::in);
+        const int unreadable = unreadable_kind_errno(info);
+        if (unreadable == 0) listReader.open(path, std::ios::in);
         if (!listReader.is_open()) {
-            KIV_LOGE("open read fail for sensors_list reading with errno %s ", strerror(errno));
+            KIV_LOGE("open read fail for sensors_list reading with errno %s ",
+                     strerror(unreadable != 0 ? unreadable : errno));
             return;
         }
     }
     std::string name;
-    while (std::getline(listReader, name)) {
+    size_t length;
+    for (unsigned line = 1; read_listed_name(listReader, &name, &length); ++line) {
+        if (length > kMaxListedNameLen) {
+            KIV_LOGE("sensors_list line %u is %zu bytes, longer than any sensor type name; dropped",
+                     line, length);
+            continue;
+        }
         if (is_mandatory(name)) {
             KIV_LOGI("duplicate entry for %s", name.c_str());
             continue;

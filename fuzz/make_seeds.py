@@ -209,6 +209,8 @@ def seeds():
     yield "oem_config", "empty_hex_value", OEM_GOALS.replace(b'data_type_value="0x1000">',
                                                             b'data_type_value="0x">')
 
+    yield "oem_config", "out_of_range", OEM_OUT_OF_RANGE
+
     yield "sensorstore_write_info", "own_and_foreign", write_info_input(store)
     yield "sensorstore_write_info", "short_walk", write_info_input(image([(own, report(hr, True))],
                                                                         data_len=40))
@@ -225,6 +227,7 @@ def seeds():
                                              (0, 1, 3000, low_power(2, total=len(store) - 8)),
                                              (1, 1, 3000, store[:8]),
                                              (1, 1, 3000, store[8:12 + len(report(hr, True))])])
+    yield "tool_inputs", "config_out_of_range", OEM_OUT_OF_RANGE
     # Regression: a header claiming 4 GiB once sized the reader's buffer.
     yield "tool_inputs", "huge_data_len", struct.pack("<II", 0xFFFFFFFF, 0) + b"\x01\x02\x03\x04"
 
@@ -249,6 +252,28 @@ OEM_GOALS = b"""<?xml version="1.0"?>
                   auto_stop="true" auto_pause="false">
       <datatype type="heart_rate"/>
     </exercisetype>
+  </autoExerciseType>
+</configuration>
+"""
+
+# Values past what their fields hold, and a sensor type that is not text.
+OEM_OUT_OF_RANGE = b"""<configuration type="KIV_oem_datatype">
+  <datatypes>
+    <datatype sensor_type="heart_rate" type="heart_rate" data_type_value="0x1FFFFFFFF"/>
+    <datatype sensor_type="st\xff\xc3" type="steps" data_type_value="0x0000001000"/>
+  </datatypes>
+  <goals>
+    <goal data_type_value="0x1000">
+      <threshold type="int" type_value="99999999999999999999" comparison_type="GREATER_THAN_OR_EQUAL"/>
+      <threshold type="int" type_value="-2147483649" comparison_type="LESS_THAN_OR_EQUAL"/>
+      <threshold type="float" type_value="1e999" comparison_type="LESS_THAN_OR_EQUAL"/>
+    </goal>
+  </goals>
+  <autoExerciseType>
+    <exercisetype type="walking" sensor_type="heart_rate" exercise_num="-3" auto_start="true">
+      <datatype type="steps"/>
+    </exercisetype>
+    <exercisetype type="running" sensor_type="st\xff" exercise_num="4294967296" auto_stop="1"/>
   </autoExerciseType>
 </configuration>
 """

@@ -5,7 +5,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 
@@ -63,7 +65,18 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
         throw ducto_error(-EIO, "TAV_SENSORSTORE partition too small");
     }
 
-    sensorstore_mapping mapping(fd.get(), write_info_byte_count);
+    // The message's count is the core's word: mapping more than the partition
+    // holds would fault past its end or, in a 32-bit process, not fit at all.
+    // Summed in 64 bits, so a count near 4 GiB cannot wrap below the header.
+    const uint64_t wanted = static_cast<uint64_t>(emmc_byte_count) + SNS_SENSORSTORE_HDR_LEN;
+    uint64_t mapped = std::min<uint64_t>(wanted, SIZE_MAX);
+    if (partition_size >= 0 && static_cast<uint64_t>(partition_size) < wanted) {
+        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than "
+                 "write_info_byte_count(%" PRIu64 ")",
+                 static_cast<long long>(partition_size), wanted);
+        mapped = static_cast<uint64_t>(partition_size);
+    }
+    sensorstore_mapping mapping(fd.get(), static_cast<size_t>(mapped));
     if (!mapping.valid()) {
         const int error = errno;
         KIV_LOGE("TAV_SENSORSTORE mmamp failed errno(%d)", error);
@@ -72,12 +85,7 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
     KIV_LOGD("TAV_SENSORSTORE mmap successful sns_str_map(0x%llx)",
              static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(mapping.data())));
 
-    size_t readable = mapping.size();
-    if (partition_size >= 0 && static_cast<uint64_t>(partition_size) < readable) {
-        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than write_info_byte_count(%d)",
-                 static_cast<long long>(partition_size), write_info_byte_count);
-        readable = static_cast<size_t>(partition_size);
-    }
+    const size_t readable = mapping.size();
 
     sns_sensorstore_hdr header;
     memcpy(&header, mapping.data(), sizeof(header));

@@ -30,10 +30,30 @@ scripts/check-android-bp.sh || status=1
 
 # Each preset's tests run while the next preset builds; their output is
 # printed, preset by preset, once all have finished.
-logs=$(mktemp -d)
-trap 'rm -rf "$logs"' EXIT
+logs=$(mktemp -d "${TMPDIR:-/tmp}/kivhal-test.XXXXXX")
 tested=()
 pids=()
+finished=0
+# A failed build ends the script (set -e) while earlier presets' tests still
+# run in the background: stop them, and keep every log unless all passed.
+on_exit() {
+  local rc=$?
+  local stopped=()
+  for i in "${!pids[@]}"; do
+    if kill -0 "${pids[$i]}" 2>/dev/null; then
+      kill -TERM -- "-${pids[$i]}" 2>/dev/null || true
+      wait "${pids[$i]}" 2>/dev/null || true
+      stopped+=("${tested[$i]}")
+    fi
+  done
+  if [ "$finished" = 1 ] && [ "$rc" -eq 0 ]; then
+    rm -rf "$logs"
+    return
+  fi
+  [ ${#stopped[@]} -eq 0 ] || echo "=== stopped the tests of: ${stopped[*]}" >&2
+  echo "=== test logs kept in $logs" >&2
+}
+trap on_exit EXIT
 for preset in "${presets[@]}"; do
   echo "=== ${preset}: configure and build"
   cmake --preset "$preset" >/dev/null
@@ -44,7 +64,8 @@ for preset in "${presets[@]}"; do
     cmake --build --preset "$preset" -j "$jobs"
   fi
   [ "$preset" = clang-tsa ] && continue
-  ctest --preset "$preset" -j "$test_jobs" >"$logs/$preset" 2>&1 &
+  # A process group of its own, so stopping it stops the tests it runs.
+  setsid ctest --preset "$preset" -j "$test_jobs" >"$logs/$preset" 2>&1 &
   tested+=("$preset")
   pids+=($!)
 done
@@ -56,4 +77,5 @@ for i in "${!tested[@]}"; do
   cat "$logs/${tested[$i]}"
   [ "$rc" -eq 0 ] || status=1
 done
+finished=1
 exit $status

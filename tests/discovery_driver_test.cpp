@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
@@ -257,6 +261,40 @@ TEST_F(DiscoveryCallbacksTest, LaterBootCountsListedNamesOnceAndAppendsNewOnes) 
     EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", "c", "new"}));
     factory.deinit_mandatory_list_db();
     EXPECT_EQ(root.read_file(kListPath), "a\nb\na\n\ncnew\n");
+}
+
+// What cannot be the list is no list this boot, and opening it never blocks;
+// a line no lookup could have come from is dropped, not kept in memory.
+TEST_F(DiscoveryCallbacksTest, AListThatIsNoRegularFileOrHasOverlongLinesIsRefusedAtOnce) {
+    const std::string path = root.host_path(kListPath);
+    const std::string name_1000(1000, 'n');
+    const struct {
+        std::function<void()> make;
+        std::vector<std::string> loaded;
+        const char* error;
+    } cases[] = {
+        {[&] { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); }, {}, "open read fail for sensors_list reading with errno Invalid argument "},
+        {[&] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); }, {}, "open read fail for sensors_list reading with errno Is a directory "},
+        {[&] { root.write_file(kListPath, "a\n" + std::string(2000, 'x') + "\n" + name_1000 + "\nb"); },
+         {"a", name_1000, "b"}, "sensors_list line 2 is 2000 bytes, longer than any sensor type name; dropped"},
+    };
+    for (const auto& c : cases) {
+        kivhal::test::reset_discovery_state();
+        rmdir(path.c_str());
+        unlink(path.c_str());
+        c.make();
+        kiv_sensor_factory fresh;
+        auto done = std::async(std::launch::async, [&] { fresh.init_mandatory_list_db(); });
+        if (done.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
+            ADD_FAILURE() << "still blocked after 2 s: " << c.error;
+            close(open(path.c_str(), O_WRONLY | O_NONBLOCK));  // lets the blocked open return
+        }
+        done.wait();
+        EXPECT_EQ(mandatorySensors, c.loaded) << c.error;
+        EXPECT_EQ(fresh.listWriter.is_open(), !c.loaded.empty()) << c.error;
+        EXPECT_TRUE(log_contains(c.error, ANDROID_LOG_ERROR)) << c.error;
+        fresh.deinit_mandatory_list_db();
+    }
 }
 
 TEST_F(DiscoveryCallbacksTest, FirstBootRediscoveryResendsOnlyMissingNames) {

@@ -1,6 +1,7 @@
 // The power subsystem behind a live connection: the sensorstore partition
 // (walking and replaying stored packets, the header reset, the write loop,
 // corrupt partitions) and the low-power-state indications.
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -216,6 +217,42 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
               replayed());
     EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
     EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
+}
+
+// In a child under a 3 GiB address-space limit, as a 32-bit process has: a
+// write-info counting nearly 4 GiB (or wrapping past it) is walked within the
+// partition, the next live report still arrives and the kernel lock is
+// released as often as taken. 0 when all of that holds.
+int huge_write_info_in_child(uint32_t total) {
+    scoped_root root;
+    for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
+    host::set_property("persist.vendor.kiv.ds", "true");
+    host::set_property("persist.vendor.kiv.ds_oda", "true");
+    sensorstore_image().add_record(kOwnHash, jumbo("stored")).write(root);
+    core_stub core(kChannel);
+    event_recorder accel;
+    std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+    if (!core.wait_connected(kWait) || conn->register_cb(kAccel, nullptr, nullptr, accel.callback()) != 0) return 2;
+    const rlimit limit = {3ull << 30, 3ull << 30};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) return 3;
+    core.send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, total, 0));
+    core.send_packet(jumbo("live"));
+    if (!accel.wait_for(2) || accel.events()[0].payload != stored_event("stored") ||
+        accel.events()[1].payload != stored_event("live")) {
+        return 4;
+    }
+    conn.reset();
+    const size_t locks = root.read_file("/sys/power/wake_lock").size();
+    return locks > 0 && locks == root.read_file("/sys/power/wake_unlock").size() ? 0 : 5;
+}
+
+TEST(sensor_store_limits, WriteInfoCountsBeyondThePartitionAreClampedToIt) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers' shadow memory does not fit the limit";
+#endif
+    for (uint32_t total : {0xF0000000u, 0xFFFFFFFFu}) {
+        EXPECT_EXIT(_exit(huge_write_info_in_child(total)), ::testing::ExitedWithCode(0), "") << total;
+    }
 }
 
 TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTheRest) {

@@ -83,6 +83,21 @@ TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
         {16, "error: auto_start \"yes\" is not a boolean"},
         {18, "error: <configuration> holds data types but has no \"type\""},
     });
+    // Values the parser silently changes: clamped, wrapped, negative, not text.
+    expect_lint("<configuration type=\"KIV_oem_datatype\"><datatypes>\n"
+                "  <datatype sensor_type=\"hr\" type=\"a\" data_type_value=\"0x1FFFFFFFF\"/>\n"
+                "  <datatype sensor_type=\"st\xff\" type=\"hr\" data_type_value=\"0x00001000\"/>\n"
+                "  </datatypes><goals><goal data_type_value=\"0x1000\">\n"
+                "  <threshold type=\"int\" type_value=\"99999999999999999999\" comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
+                "  <threshold type=\"int\" type_value=\"-2147483648\" comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
+                "  </goal></goals><autoExerciseType><exercisetype type=\"w\" sensor_type=\"hr\" exercise_num=\"-3\"/>\n"
+                "  <exercisetype type=\"r\" sensor_type=\"hr\" exercise_num=\"0x7fffffff\"/></autoExerciseType></configuration>\n",
+                1, "4 errors, 0 warnings", {
+        {2, "error: data_type_value \"0x1FFFFFFFF\" is beyond 0x7fffffff: the parser reads 0x7fffffff"},
+        {3, "error: sensor_type \"st\\xFF\" is not UTF-8 text"},
+        {5, "error: type_value \"99999999999999999999\" is beyond the 32-bit range: the parser reads -1"},
+        {7, "error: exercise_num \"-3\" is negative: exercise numbers count from 0"},
+    });
     expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1, "1 error, 0 warnings",
                 {{3, "error: not well-formed XML"}});
     expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1, "1 error, 0 warnings",

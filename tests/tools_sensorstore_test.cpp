@@ -53,7 +53,14 @@ TEST_F(SensorStoreDumpTest, ListsEveryRecordAndMarksTheChannelsOwn) {
 }
 
 TEST_F(SensorStoreDumpTest, CorruptImagesAreReportedWithoutCrashing) {
+    // A freshly reset header, before and after the connection's mark, is an empty store.
+    for (const char* header : {"\x00\x00\x00\x00\x00\x00\x00\x00", "\x00\x00\x00\x00\x01\x00\x00\x00"}) {
+        const tool_result result = dump(std::string(header, 8));
+        EXPECT_EQ(0, result.exit_code) << result.out;
+        EXPECT_THAT(result.out, ::testing::HasSubstr("walk: 0 records, the store is empty"));
+    }
     const std::pair<std::string, const char*> cases[] = {
+        {std::string("\x07\x00\x00\x00\x01\x00\x00\x00", 8), "data_len 7 is smaller than the header"},
         {std::string("\x10\x00\x00", 3), "less than the 8-byte header"},
         {bytes_of(sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).set_data_len(5000)),
          "runs past the end of the image"},

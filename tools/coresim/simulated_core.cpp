@@ -134,20 +134,24 @@ void simulated_core::say(const std::string& line) const {
     fflush(stdout);
 }
 
-// The stand-in records every request; they are taken in arrival order.
+// Requests are taken from the stand-in in arrival order, so nothing is kept
+// once answered, however long the simulator serves.
 void simulated_core::handle_requests() {
-    size_t handled = 0;
     while (!_stopping) {
-        if (!_core.wait_for_requests(handled + 1, kRequestPoll)) continue;
-        const std::vector<recorded_request> all = _core.requests();
+        if (!_core.wait_for_requests(1, kRequestPoll)) continue;
+        const std::vector<recorded_request> taken = _core.take_requests();
         _request_waiting = true;
-        for (size_t i = handled; i < all.size(); ++i) handle(all[i]);
+        for (const recorded_request& request : taken) handle(request);
         _request_waiting = false;
-        handled = all.size();
     }
 }
 
 void simulated_core::handle(const recorded_request& request) {
+    // A client that has gone gets no answers: they would reach the next one.
+    if (!_core.connected() || request.connection != _core.connections()) {
+        if (_options.verbose) say("request of a closed connection dropped");
+        return;
+    }
     test::response_fields response;
     response.client_id = request.client_req_id;
     std::vector<std::vector<uint8_t>> packets{core_stub::make_response(response)};
@@ -276,10 +280,22 @@ bool simulated_core::stream_round() {
 void simulated_core::watch_connection() {
     bool was_connected = false;
     bool closed = false;
+    size_t seen = 0;
     steady_clock::time_point since, scheduled;
     while (!_stopping) {
         std::this_thread::sleep_for(kConnectionPoll);
+        // In this order: a connection accepted between the two reads is seen
+        // as new on the next poll, not twice.
         const bool connected = _core.connected();
+        const size_t connections = _core.connections();
+        // A client that reconnected between two polls is a new client too.
+        if (connected && was_connected && connections != seen) {
+            kivhal::lock_guard lock(_stream_mutex);
+            _streams.clear();
+            say("client disconnected");
+            was_connected = false;
+        }
+        seen = connections;
         if (connected && !was_connected) {
             since = scheduled = steady_clock::now();
             closed = false;

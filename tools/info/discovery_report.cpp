@@ -7,6 +7,7 @@
 #include <set>
 
 #include "sensor_attribute_ids.h"
+#include "utf8_text.h"
 
 namespace kivhal {
 namespace tools {
@@ -34,19 +35,27 @@ std::string float_text(float value) {
     return text;
 }
 
+// Names are byte strings: a byte that is not part of well-formed UTF-8 is
+// written as the code point of the same value, so the output stays JSON.
 std::string json_string(const std::string& text) {
     std::string out = "\"";
-    for (unsigned char c : text) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    for (size_t at = 0; at < text.size();) {
+        const unsigned char c = bytes[at];
+        const size_t length = utf8_sequence_length(bytes + at, text.size() - at);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-        } else if (c < 0x20) {
+        } else if (c < 0x20 || length == 0) {
             char escaped[8];
             snprintf(escaped, sizeof(escaped), "\\u%04x", c);
             out += escaped;
         } else {
-            out += static_cast<char>(c);
+            out.append(text, at, length);
+            at += length;
+            continue;
         }
+        ++at;
     }
     return out + "\"";
 }

@@ -3,16 +3,20 @@
 #include <tinyxml2.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <optional>
 #include <set>
+#include <type_traits>
 
 #include "kiv_sensor_factory.h"
 #include "kiv_types.h"
 #include "input_file.h"
 #include "tool_cli.h"
+#include "utf8_text.h"
 
 namespace kivhal {
 namespace tools {
@@ -43,6 +47,39 @@ std::string upper(const char* text) {
         if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
     }
     return out;
+}
+
+// The bytes of a name, with what is not UTF-8 shown as \xNN.
+std::string printable(const char* text) {
+    std::string out;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+    const size_t size = strlen(text);
+    for (size_t at = 0; at < size;) {
+        const size_t length = utf8_sequence_length(bytes + at, size - at);
+        if (length == 0) {
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\x%02X", bytes[at]);
+            out += escaped;
+            ++at;
+        } else {
+            out.append(text + at, length);
+            at += length;
+        }
+    }
+    return out;
+}
+
+// Whether an integer as tinyxml2 reads it (decimal, or hex after "0x") fits
+// the 32 bits it is stored in; the parser keeps whatever the overflow left.
+bool fits_int32(const char* text) {
+    while (*text == ' ' || *text == '\t' || *text == '\n' || *text == '\r') ++text;
+    errno = 0;
+    if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        const unsigned long long value = strtoull(text + kHexPrefixLen, nullptr, 16);
+        return errno != ERANGE && value <= UINT32_MAX;
+    }
+    const long long value = strtoll(text, nullptr, 10);
+    return errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX;
 }
 
 // Namespace declarations and schema hints (xsi:noNamespaceSchemaLocation)
@@ -178,6 +215,13 @@ std::optional<int32_t> linter::data_type_value(const XMLElement& element) {
                strlen(text + kHexPrefixLen)) {
         error(&element, "data_type_value " + quoted(text) +
                             " has non-hex digits: the parser reads " + hex(value));
+    } else {
+        const char* digits = text + kHexPrefixLen + strspn(text + kHexPrefixLen, "0");
+        const size_t count = strlen(digits);
+        if (count > 8 || (count == 8 && strchr("89abcdefABCDEF", digits[0]) != nullptr)) {
+            error(&element, "data_type_value " + quoted(text) +
+                                " is beyond 0x7fffffff: the parser reads " + hex(value));
+        }
     }
     return value;
 }
@@ -214,6 +258,9 @@ void linter::check_data_types(const XMLElement& datatypes) {
                 fatal(entry, std::string("<datatype> without \"") + missing +
                                  "\": the parser never gets past it");
             }
+        }
+        if (sensor_type != nullptr && !is_utf8(sensor_type)) {
+            error(entry, "sensor_type \"" + printable(sensor_type) + "\" is not UTF-8 text");
         }
         const std::optional<int32_t> key = data_type_value(*entry);
         if (!key || !sensor_type || !type) continue;
@@ -257,6 +304,12 @@ void linter::check_number(const XMLElement& element, const char* name, const cha
     } else if (query(&value) != tinyxml2::XML_SUCCESS) {
         error(&element, std::string(name) + " " + quoted(text) + " is not " + kind +
                             ": the parser uses " + default_text);
+    } else if constexpr (std::is_same_v<T, int>) {
+        if (!fits_int32(text)) {
+            error(&element, std::string(name) + " " + quoted(text) +
+                                " is beyond the 32-bit range: the parser reads " +
+                                std::to_string(value));
+        }
     }
 }
 
@@ -333,8 +386,16 @@ void linter::check_exercises(const XMLElement& container) {
         }
         const char* sensor_type = e->Attribute("sensor_type");
         if (sensor_type == nullptr) error(e, "<exercisetype> without \"sensor_type\"");
+        if (sensor_type != nullptr && !is_utf8(sensor_type)) {
+            error(e, "sensor_type \"" + printable(sensor_type) + "\" is not UTF-8 text");
+        }
         check_number<int>(*e, "exercise_num", "an integer", "exercise 0",
                           [&](int* v) { return e->QueryIntAttribute("exercise_num", v); });
+        const char* number_text = e->Attribute("exercise_num");
+        if (number_text != nullptr && fits_int32(number_text) && e->IntAttribute("exercise_num", 0) < 0) {
+            error(e, "exercise_num " + quoted(number_text) +
+                         " is negative: exercise numbers count from 0");
+        }
         bool flags[3] = {false, false, false};
         const char* names[3] = {"auto_start", "auto_stop", "auto_pause"};
         for (int i = 0; i < 3; ++i) {

@@ -73,6 +73,11 @@ bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
     fprintf(out, "channel: \"%s\", hash 0x%08x\n", channel.c_str(), own_hash);
 
     bool ok = true;
+    // A zeroed partition, also once its header has been reset: nothing stored.
+    if (data_len == 0) {
+        fprintf(out, "walk: 0 records, the store is empty\n");
+        return true;
+    }
     if (data_len < SNS_SENSORSTORE_HDR_LEN) {
         fprintf(out, "corrupt: data_len %u is smaller than the header\n", data_len);
         return false;

@@ -295,10 +295,12 @@ void core_stub::serve() {
             continue;
         }
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        // The library went away or the test closed the connection.
+        // The library went away or the test closed the connection; what was
+        // meant for this client must not reach the next one.
         kivhal::lock_guard send_lock(_send_mutex);
         kivhal::lock_guard lock(_mutex);
         close_fd(_conn_fd);
+        _scheduled.clear();
     }
 }
 
@@ -326,6 +328,7 @@ void core_stub::record(const uint8_t* data, size_t size) {
     bool auto_respond;
     {
         kivhal::lock_guard lock(_mutex);
+        request.connection = _connections;
         _requests.push_back(request);
         auto_respond = _auto_respond;
     }

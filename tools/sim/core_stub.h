@@ -50,6 +50,7 @@ struct recorded_request {
     uint16_t msg_id = 0;        // packet bytes 0-1
     uint16_t reserved = 0;      // bytes 2-3
     uint16_t pkt_len = 0;       // bytes 4-5
+    size_t connection = 0;      // the connection it came on, counted from 1
     uint8_t session_id = 0;
     uint8_t client_req_id = 0;
     uint8_t flag = 0;
@@ -138,6 +139,7 @@ public:
     bool send_response(const response_fields& fields) { return send_packet(make_response(fields)); }
     bool send_event(const std::string& encoded_event);  // report or jumbo by the threshold
     // Sent `delay` from now from the stand-in's own thread, in due order.
+    // Packets still waiting when the connection ends are dropped with it.
     void send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet);
 
     // Closes the accepted connection: the library sees POLLHUP. The listener
