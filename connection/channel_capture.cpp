@@ -555,12 +555,13 @@ void capture_sink::commit(uint32_t interface_id, uint64_t position, bool sent) {
 
 channel_capture::status capture_sink::get_status(uint32_t interface_id) const {
     kivhal::lock_guard lock(_mutex);
-    channel_capture::status status = {_status_path, _on.load(),         interface_id, 0, 0,
-                                      _file_writes.load(), _head - _tail};
+    channel_capture::status status = {_status_path, _on.load(), interface_id,        0, 0,
+                                      _file_writes.load(), _head - _tail, 0};
     if (interface_id < _interfaces.size()) {
         status.records = _interfaces[interface_id].records;
         status.dropped = _interfaces[interface_id].dropped;
     }
+    for (const interface_state& state : _interfaces) status.all_dropped += state.dropped;
     return status;
 }
 

@@ -119,6 +119,7 @@ public:
         uint64_t dropped;    // of this interface, the ring being full
         uint64_t file_writes;    // of the sink
         uint64_t pending_bytes;  // recorded, not yet in the file
+        uint64_t all_dropped;    // of every interface
     };
     status get_status() const;
 

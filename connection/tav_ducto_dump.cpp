@@ -38,7 +38,7 @@ struct connection_snapshot {
     bool has_wakelock = false;
     sns_wakelock::state wakelock = {};
     bool has_capture = false;
-    kivhal::connection::channel_capture::status capture = {"", false, 0, 0, 0, 0, 0};
+    kivhal::connection::channel_capture::status capture = {"", false, 0, 0, 0, 0, 0, 0};
 };
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
