@@ -285,6 +285,19 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
     constexpr int kPerThread = 500;
     host::set_property(kCaptureProperty, capture);
     core->set_auto_respond(true);
+    const auto answered = [&] { return accel.responses().size() + gyro.responses().size(); };
+    // Each request's write returns only once its answer has been read: the
+    // reader records the response before the sender is back. (The stand-in
+    // writes through the same hook: its packets are shorter.)
+    std::atomic<size_t> writes{0};
+    host::set_channel_hooks({nullptr, nullptr, [&](int fd, const void* buf, size_t len) {
+                                 const ssize_t n = host::real_write_node(fd, buf, len);
+                                 if (len != 1013) return n;  // not a request
+                                 const size_t sent = ++writes;
+                                 eventually([&] { return answered() >= sent; }, kWait);
+                                 return n;
+                             },
+                             nullptr});
     ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
@@ -293,7 +306,7 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
     });
     for (int i = 0; i < kPerThread; ++i) send(kAccel, kAttributeRequest);
     other.join();
-    ASSERT_TRUE(eventually([&] { return accel.responses().size() + gyro.responses().size() == 2 * kPerThread; }));
+    ASSERT_TRUE(eventually([&] { return answered() == 2 * kPerThread; }));
     conn.reset();
 
     const tools::capture c = tools::read_capture(capture);
