@@ -139,6 +139,9 @@ TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
     const tool_result result = sim->stop(0);
     EXPECT_EQ(0, result.exit_code) << result.out << result.err;
     EXPECT_THAT(last_line(result.out), HasSubstr("requests as recorded"));
+    struct stat image;  // the stored health records the replay wrote
+    ASSERT_EQ(0, stat(replay_root.host_path("/dev/block/bootdevice/by-name/sensorstore").c_str(), &image));
+    EXPECT_EQ(0600u, image.st_mode & 0777);
 
     ASSERT_EQ(recorded_events.size(), replayed.events().size());
     for (size_t i = 0; i < kEvents; ++i) {
@@ -208,6 +211,11 @@ TEST_F(CaptureTest, TsharkDecodesTheFramingAndTheProtobufPayloads) {
                              "Dropped by the library: length field past the packet buffer (1)"}) {
         EXPECT_THAT(result.out, HasSubstr(text));
     }
+    // A proto path that does not resolve is named, not silent.
+    const tool_result unresolved = run_program(
+        KIVHAL_TSHARK, {"-r", capture, "-V", "-X", "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
+                        "-o", "uat:protobuf_search_paths:\"proto\",\"TRUE\""});
+    EXPECT_THAT(unresolved.out, HasSubstr("protobuf type sns_client_request_msg not found: set protobuf_search_paths"));
 }
 
 // Anything but a private regular file of this user with one link is refused

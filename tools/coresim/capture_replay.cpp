@@ -288,12 +288,12 @@ private:
     // walked, recorded right behind the write-info.
     void write_image(size_t index) {
         std::vector<uint8_t> image;
-        // Up to the next packet that came in: requests of other threads may
-        // sit between the partition's records.
+        // Up to this channel's next packet in: requests of other threads and
+        // packets of other connections may sit between the partition's records.
         for (size_t i = index + 1; i < _capture.records.size(); ++i) {
             const capture_record& next = _capture.records[i];
             if (!next.sensorstore) {
-                if (next.outbound) continue;
+                if (next.outbound || next.channel != _capture.channel) continue;
                 break;
             }
             const auto& bytes = next.bytes;

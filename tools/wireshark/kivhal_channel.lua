@@ -73,7 +73,7 @@ store.fields = s
 
 local direction_field = Field.new("frame.packet_flags_direction")
 local flags_field = Field.new("frame.packet_flags")
-local field_name_field = Field.new("protobuf.field.name")
+local message_name_field = Field.new("protobuf.message.name")
 local OUTBOUND = 2
 local WRITE_FAILED = 6
 
@@ -82,6 +82,14 @@ local protobuf = Dissector.get("protobuf")
 -- to the column too, so it is set once at the end.
 local info = {}
 
+-- The protobuf dissector names a message it has no definition of so.
+local function type_not_found()
+    for _, name in ipairs({ message_name_field() }) do
+        if tostring(name.value) == "<UNKNOWN> Message Type" then return true end
+    end
+    return false
+end
+
 local function protobuf_message(tvb, pinfo, tree, message_type)
     if tvb:len() == 0 then return end
     pinfo.private["pb_msg_type"] = "message," .. message_type
@@ -89,7 +97,7 @@ local function protobuf_message(tvb, pinfo, tree, message_type)
     -- the rest of the packet are still shown.
     if not pcall(protobuf.call, protobuf, tvb:tvb(), pinfo, tree) then
         tree:add_expert_info(PI_MALFORMED, PI_WARN, "not a valid " .. message_type)
-    elseif not field_name_field() then
+    elseif type_not_found() then
         -- The type was not found: the proto path does not resolve.
         tree:add_expert_info(PI_UNDECODED, PI_WARN, "protobuf type " .. message_type ..
             " not found: set protobuf_search_paths to the absolute path of the repository's proto/")
