@@ -248,6 +248,7 @@ private:
     uint64_t _tail GUARDED_BY(_mutex) = 0;
     bool _kicked GUARDED_BY(_mutex) = false;  // the writer was woken for a full flush
     bool _stopping GUARDED_BY(_mutex) = false;
+    bool _write_failed GUARDED_BY(_mutex) = false;  // the writer thread ends
     std::vector<interface_state> _interfaces GUARDED_BY(_mutex);
 };
 
@@ -315,7 +316,7 @@ bool capture_sink::start(const std::string& path, uint64_t rotate_bytes, size_t 
         _ring.reset(new uint8_t[buffer_bytes]);
         _mask = buffer_bytes - 1;
         _head = _tail = 0;
-        _kicked = _stopping = false;
+        _kicked = _stopping = _write_failed = false;
         _interfaces.clear();
         _interfaces.reserve(kMaxInterfaces);
         _interfaces.push_back({kSensorstoreInterfaceName});
@@ -443,13 +444,12 @@ void capture_sink::finish() {
     {
         kivhal::lock_guard lock(_mutex);
         _on = false;
-        _stopping = true;
         // A late commit must not touch bytes being written.
         for (interface_state& state : _interfaces) state.pending = kNoPending;
     }
-    _wake.notify_all();
     // Pending outbound records too: their write is under way, and nothing
-    // comes after this.
+    // comes after this. The writer thread is left waiting on an empty ring:
+    // the process is ending, and joining it here could wait on a detach.
     flush(true, false);
     end_file();
 }
@@ -583,7 +583,7 @@ void capture_sink::writer_loop() {
             flush(false, true);
         }
         lock.lock();
-        if (!_on) return;
+        if (_write_failed) return;
     }
 }
 
@@ -597,7 +597,14 @@ void capture_sink::flush(bool everything, bool may_rotate) {
         mask = static_cast<size_t>(_mask);
         _kicked = false;
     }
-    if (to == from || !_fd.ok()) return;
+    if (to == from) return;
+    if (!_fd.ok()) {
+        // Off after an error: nothing more reaches the file.
+        kivhal::lock_guard lock(_mutex);
+        _tail = _head;
+        _write_failed = true;
+        return;
+    }
     const size_t offset = static_cast<size_t>(from & mask);
     const size_t len = static_cast<size_t>(to - from);
     const size_t first = std::min(len, mask + 1 - offset);
@@ -610,9 +617,12 @@ void capture_sink::flush(bool everything, bool may_rotate) {
         const uint64_t kept = whole_blocks(from, to, n < 0 ? 0 : static_cast<uint64_t>(n));
         (void)!ftruncate(_fd.get(), static_cast<off_t>(_file_bytes + kept));
         switch_off("write failed", error);
-    } else {
-        _file_bytes += len;
+        kivhal::lock_guard lock(_mutex);
+        _tail = _head;
+        _write_failed = true;
+        return;
     }
+    _file_bytes += len;
     {
         kivhal::lock_guard lock(_mutex);
         _tail = to;
