@@ -261,7 +261,10 @@ public:
         result.conn_allocations = via_connection.allocations;
         result.bare_allocations = bare.allocations;
         // A hold-off's release falls within the bare batches, which outlast it.
-        result.wakelock_writes = kernel_writes() - writes - result.captured_kernel_writes;
+        // Less the captured batch's, when it ran inside this window.
+        const bool captured_after = _captured_conn && (_iterations % 2) == 1;
+        result.wakelock_writes =
+            kernel_writes() - writes - (captured_after ? result.captured_kernel_writes : 0);
         return result;
     }
 
