@@ -273,7 +273,8 @@ private:
     void run_captured(iteration_result* result) {
         const auto before = _probe->get_status();
         const uint64_t writes = kernel_writes();
-        const batch_result captured = run_connection_batch(*_captured_core, _captured_counter, _report);
+        const batch_result captured =
+            run_connection_batch(*_captured_core, _captured_counter, _report);
         result->captured_kernel_writes = kernel_writes() - writes;
         const auto deadline = clock_type::now() + kFlushWait;
         while (_probe->get_status().pending_bytes > 0 && clock_type::now() < deadline) {
@@ -450,9 +451,12 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         const double captured = reports - static_cast<double>(capture_dropped);
         state.counters["captured_reports_per_s"] = reports / captured_seconds;
         state.counters["capture_ratio"] = conn_seconds / captured_seconds;
-        state.counters["captured_allocs_per_report"] = static_cast<double>(captured_allocations) / reports;
-        state.counters["capture_writes_per_packet"] = static_cast<double>(capture_writes) / captured;
-        state.counters["capture_dropped_per_report"] = static_cast<double>(capture_dropped) / reports;
+        state.counters["captured_allocs_per_report"] =
+            static_cast<double>(captured_allocations) / reports;
+        state.counters["capture_writes_per_packet"] =
+            static_cast<double>(capture_writes) / captured;
+        state.counters["capture_dropped_per_report"] =
+            static_cast<double>(capture_dropped) / reports;
     }
     state.SetItemsProcessed(static_cast<int64_t>(reports));
 }

@@ -111,7 +111,8 @@ std::string interface_block(uint16_t linktype, const std::string& name,
     const int64_t offset_s = (real_minus_boot_ns + kNanosPerSecond / 2) / kNanosPerSecond;
     put_option(&body, kOptIfTsoffset, &offset_s, sizeof(offset_s));
     char comment[96];
-    snprintf(comment, sizeof(comment), "timestamps: boot clock; boot was at %lld.%09lld s real time",
+    snprintf(comment, sizeof(comment),
+             "timestamps: boot clock; boot was at %lld.%09lld s real time",
              static_cast<long long>(real_minus_boot_ns / kNanosPerSecond),
              static_cast<long long>(real_minus_boot_ns % kNanosPerSecond));
     put_option(&body, kOptComment, comment, strlen(comment));
@@ -489,12 +490,13 @@ bool capture_sink::wake_due(uint64_t before) {
 uint64_t capture_sink::append(uint32_t interface_id, uint32_t flags, const uint8_t* data,
                               size_t len, bool pending) {
     if (!_on.load(std::memory_order_relaxed)) return kNoPending;
-    const char* comment =
-        capture_reason_text(static_cast<capture_reason>((flags >> kEpbReasonShift) & kEpbReasonMask));
+    const auto reason = static_cast<capture_reason>((flags >> kEpbReasonShift) & kEpbReasonMask);
+    const char* comment = capture_reason_text(reason);
     const size_t comment_len = strnlen(comment, kMaxCommentLen);
     const size_t comment_option = comment_len > 0 ? 4 + padded(comment_len) : 0;
     const uint32_t pad = padded(len) - static_cast<uint32_t>(len);
-    const uint32_t total = static_cast<uint32_t>(kEpbHeadLen + len + pad + comment_option + kEpbTailLen);
+    const uint32_t total =
+        static_cast<uint32_t>(kEpbHeadLen + len + pad + comment_option + kEpbTailLen);
     static const uint8_t zeros[4] = {};
 
     kivhal::unique_lock lock(_mutex);
@@ -543,8 +545,8 @@ void capture_sink::commit(uint32_t interface_id, uint64_t position, bool sent) {
     if (!sent) {
         // The flags value sits 12 bytes before the block's end.
         const uint64_t flags_at = position + get32(position + 4) - 12;
-        const uint32_t flags = get32(flags_at) |
-                               (static_cast<uint32_t>(capture_reason::write_failed) << kEpbReasonShift);
+        const uint32_t not_sent = static_cast<uint32_t>(capture_reason::write_failed);
+        const uint32_t flags = get32(flags_at) | (not_sent << kEpbReasonShift);
         put(flags_at, &flags, sizeof(flags));
     }
     _interfaces[interface_id].pending = kNoPending;
