@@ -20,6 +20,12 @@
 // bare), bare_required_reports_per_s, ratio_to_bare_required, heap
 // allocations per report on each receiving thread, and
 // wakelock_writes_per_report (the connection's kernel lock and unlock writes).
+//
+// The capture row runs a second connection, on a channel of its own, with
+// capture on, in every iteration beside the first (capture off): captured_*
+// are its counters, capture_ratio its reports per second against the
+// uncaptured connection's, and capture_writes_per_packet the file writes the
+// capture made for its burst.
 
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
@@ -45,6 +51,7 @@
 #include <vector>
 
 #include "allocation_count.h"
+#include "channel_capture.h"
 #include "core_stub.h"
 #include "kiv_log.h"
 #include "sns_client.pb.h"
@@ -62,6 +69,8 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 
 constexpr char kChannel[] = "bench";
+constexpr char kCapturedChannel[] = "bench_captured";
+constexpr auto kFlushWait = std::chrono::seconds(5);
 constexpr int kReportsPerIteration = 20000;
 constexpr sensor_uid kSensor{0x5151, 0xbe};
 constexpr uint32_t kSampleEventMsgId = 1025;
@@ -192,6 +201,12 @@ struct iteration_result {
     uint64_t conn_allocations;
     uint64_t bare_allocations;
     uint64_t wakelock_writes;  // kernel lock and unlock writes, the window's end included
+    // The captured connection's batch, when there is one.
+    double captured_seconds;
+    uint64_t captured_allocations;
+    uint64_t capture_writes;   // file writes until its burst was in the file
+    uint64_t capture_dropped;  // records the full ring dropped
+    uint64_t captured_kernel_writes;  // its wake-lock writes, not counted above
 };
 
 // Everything one variant's child measures with: a root whose wake-lock files
@@ -199,8 +214,9 @@ struct iteration_result {
 // and the bare loops' descriptors.
 class dispatch_rig {
 public:
-    // Empty on success, else what failed.
-    std::string set_up() {
+    // Empty on success, else what failed. With `capture_path`, a second
+    // connection is captured there.
+    std::string set_up(const std::string& capture_path) {
         // Wake-lock writes go to /dev/null: the kernel's cost is not ours to measure.
         std::filesystem::create_directories(_root.host_path("/sys/power"));
         for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) {
@@ -225,30 +241,84 @@ public:
         if (_lock_fd < 0 || _unlock_fd < 0) return "the wake-lock files did not open";
         // One batch first, so the reader's decoder has grown to its steady state.
         run_connection_batch(*_core, _counter, _report);
-        return "";
+        return capture_path.empty() ? "" : set_up_captured(capture_path);
     }
 
     iteration_result run_iteration() {
         const required_kernel_calls required{_wakeup_read.get(), _lock_fd.get(), _unlock_fd.get()};
+        // The captured batch goes first every other iteration, so neither
+        // connection always follows the same work.
+        iteration_result result = {};
+        if (_captured_conn && (++_iterations % 2) == 0) run_captured(&result);
         const uint64_t writes = kernel_writes();
         const batch_result via_connection = run_connection_batch(*_core, _counter, _report);
+        if (_captured_conn && (_iterations % 2) == 1) run_captured(&result);
         const batch_result bare = run_bare_batch(_report);
         const batch_result bare_required = run_bare_batch(_report, &required);
+        result.conn_seconds = via_connection.seconds;
+        result.bare_seconds = bare.seconds;
+        result.bare_required_seconds = bare_required.seconds;
+        result.conn_allocations = via_connection.allocations;
+        result.bare_allocations = bare.allocations;
         // A hold-off's release falls within the bare batches, which outlast it.
-        return {via_connection.seconds, bare.seconds, bare_required.seconds,
-                via_connection.allocations, bare.allocations, kernel_writes() - writes};
+        // Less the captured batch's, when it ran inside this window.
+        const bool captured_after = _captured_conn && (_iterations % 2) == 1;
+        result.wakelock_writes =
+            kernel_writes() - writes - (captured_after ? result.captured_kernel_writes : 0);
+        return result;
     }
 
 private:
+    // The captured connection's batch, until its burst is in the file.
+    void run_captured(iteration_result* result) {
+        const auto before = _probe->get_status();
+        const uint64_t writes = kernel_writes();
+        const batch_result captured =
+            run_connection_batch(*_captured_core, _captured_counter, _report);
+        result->captured_kernel_writes = kernel_writes() - writes;
+        const auto deadline = clock_type::now() + kFlushWait;
+        while (_probe->get_status().pending_bytes > 0 && clock_type::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        const auto after = _probe->get_status();
+        result->captured_seconds = captured.seconds;
+        result->captured_allocations = captured.allocations;
+        result->capture_writes = after.file_writes - before.file_writes;
+        result->capture_dropped = after.all_dropped - before.all_dropped;
+    }
+
+    // A second connection, captured, and a handle on the same file that
+    // reads the sink's counters.
+    std::string set_up_captured(const std::string& path) {
+        kivhal::host::set_property(kivhal::connection::kCaptureProperty, path);
+        _captured_core = std::make_unique<kivhal::test::core_stub>(kCapturedChannel);
+        _captured_conn.reset(
+            tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kCapturedChannel}));
+        if (!_captured_core->wait_connected(std::chrono::seconds(2))) {
+            return "the captured connection did not reach its stand-in";
+        }
+        _captured_conn->register_cb(kSensor, nullptr, nullptr,
+                                    [this](const uint8_t*, uint32_t, uint64_t) {
+                                        kivhal::test::count_allocations_on_this_thread(true);
+                                        _captured_counter.count();
+                                    });
+        _probe = kivhal::connection::channel_capture::open(path, "probe");
+        if (!_probe) return "the capture did not start";
+        run_connection_batch(*_captured_core, _captured_counter, _report);
+        return "";
+    }
+
     static uint64_t kernel_writes() {
         const sns_wakelock::state state = sns_wakelock::get_instance()->get_state();
         return state.lock_writes + state.unlock_writes;
     }
 
     kivhal::test::scoped_root _root;
-    std::unique_ptr<kivhal::test::core_stub> _core;
-    delivery_counter _counter;  // before the connection, which calls into it
-    std::unique_ptr<tav_interface> _conn;
+    std::unique_ptr<kivhal::test::core_stub> _core, _captured_core;
+    delivery_counter _counter, _captured_counter;  // before the connections, which call into them
+    std::unique_ptr<tav_interface> _conn, _captured_conn;
+    std::unique_ptr<kivhal::connection::channel_capture> _probe;
+    uint64_t _iterations = 0;
     const std::vector<uint8_t> _report = sample_report();
     android::base::unique_fd _wakeup_read, _wakeup_write, _lock_fd, _unlock_fd;
 };
@@ -289,13 +359,11 @@ bool write_record(int fd, const T& record) {
         kiv_log::set_level(kiv_log::INFO);
         for (const auto& [name, value] : v.properties) kivhal::host::set_property(name, value);
         TemporaryDir capture_dir;
-        if (v.capture) {
-            kivhal::host::set_property("persist.vendor.debug.kiv.capture",
-                                       std::string(capture_dir.path) + "/channel.pcapng");
-        }
         dispatch_rig rig;
         child_status status = {};
-        strncpy(status.error, rig.set_up().c_str(), sizeof(status.error) - 1);
+        const std::string capture_path =
+            v.capture ? std::string(capture_dir.path) + "/channel.pcapng" : "";
+        strncpy(status.error, rig.set_up(capture_path).c_str(), sizeof(status.error) - 1);
         bool serving = write_record(results, status) && status.error[0] == '\0';
         char command = 0;
         while (serving && read_record(commands, &command) && command == kRunIteration) {
@@ -347,8 +415,9 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         state.SkipWithError(error.c_str());
         return;
     }
-    double conn_seconds = 0, bare_seconds = 0, bare_required_seconds = 0;
+    double conn_seconds = 0, bare_seconds = 0, bare_required_seconds = 0, captured_seconds = 0;
     uint64_t conn_allocations = 0, bare_allocations = 0, wakelock_writes = 0, batches = 0;
+    uint64_t captured_allocations = 0, capture_writes = 0, capture_dropped = 0;
     for (auto _ : state) {
         iteration_result r;
         if (!child.run_iteration(&r)) {
@@ -362,6 +431,10 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         conn_allocations += r.conn_allocations;
         bare_allocations += r.bare_allocations;
         wakelock_writes += r.wakelock_writes;
+        captured_seconds += r.captured_seconds;
+        captured_allocations += r.captured_allocations;
+        capture_writes += r.capture_writes;
+        capture_dropped += r.capture_dropped;
         ++batches;
     }
     if (batches == 0) return;
@@ -374,6 +447,17 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
     state.counters["conn_allocs_per_report"] = static_cast<double>(conn_allocations) / reports;
     state.counters["bare_allocs_per_report"] = static_cast<double>(bare_allocations) / reports;
     state.counters["wakelock_writes_per_report"] = static_cast<double>(wakelock_writes) / reports;
+    if (v->capture) {
+        const double captured = reports - static_cast<double>(capture_dropped);
+        state.counters["captured_reports_per_s"] = reports / captured_seconds;
+        state.counters["capture_ratio"] = conn_seconds / captured_seconds;
+        state.counters["captured_allocs_per_report"] =
+            static_cast<double>(captured_allocations) / reports;
+        state.counters["capture_writes_per_packet"] =
+            static_cast<double>(capture_writes) / captured;
+        state.counters["capture_dropped_per_report"] =
+            static_cast<double>(capture_dropped) / reports;
+    }
     state.SetItemsProcessed(static_cast<int64_t>(reports));
 }
 

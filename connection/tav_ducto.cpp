@@ -177,6 +177,9 @@ int tav_ducto::ducto_read(int fd, uint8_t* buf, uint32_t len) {
                 KIV_LOGE("TAV_DUCTO_int read MAX_DUCTO_READ_RETRIES = %d has finished & "
                          "g_ducto_err_cnt = %d",
                          MAX_DUCTO_READ_RETRIES, g_ducto_err_cnt.load());
+                if (_capture && total > 0) {
+                    _capture->inbound(buf, total, kivhal::connection::capture_reason::short_packet);
+                }
                 return -EAGAIN;
             }
             continue;
@@ -191,6 +194,10 @@ int tav_ducto::ducto_read(int fd, uint8_t* buf, uint32_t len) {
             if (want > len) {
                 KIV_LOGE("TAV_DUCTO_int pkt size %u is larger than the buffer of %u bytes, dropped",
                          want, len);
+                if (_capture) {
+                    _capture->inbound(buf, total,
+                                      kivhal::connection::capture_reason::length_past_buffer);
+                }
                 return 0;
             }
         }
@@ -216,10 +223,10 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
         KIV_LOGD("acquiring wakelock");
         _wakelock->get_n_locks(1);
     }
-    // The send time, taken before the write, orders the packet before any
-    // answer the reader thread may log first.
-    const uint8_t* const packet = buf;
-    const int64_t sent_at = _capture ? android::elapsedRealtimeNano() : 0;
+    // Recorded with its send time before the write, so it precedes its
+    // answer in the capture.
+    kivhal::connection::channel_capture::reservation captured = {0, false};
+    if (_capture) captured = _capture->reserve_outbound(buf, len);
 
     int result = 0;
     bool failed = false;
@@ -259,11 +266,10 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
         remaining -= static_cast<uint32_t>(n);
         total += static_cast<uint32_t>(n);
     }
+    // Committed under the write lock: one reservation per connection at a time.
+    if (_capture) _capture->commit_outbound(captured, !failed && total > 0);
     lock.unlock();
 
-    if (_capture && !failed && total > 0) {
-        _capture->channel_packet(kivhal::connection::kEpbFlagsOutbound, sent_at, packet, total);
-    }
     if (!failed) {
         KIV_LOGI("TAV_DUCTO_int conn = 0x%llx complete bytes written= %d retries %d",
                  conn_id(this), total, retries);
@@ -331,7 +337,8 @@ void tav_ducto::ducto_error_handler(int error) {
         _is_reconnecting = true;
         ducto_disconnect(false);
         // The service's own atexit handlers and static destructors run; so
-        // does the wake lock's, which writes a release the hold-off deferred.
+        // do the wake lock's, which writes a release the hold-off deferred,
+        // and the capture's, which writes its last records.
         exit(1);
     }
     KIV_LOGV("TAV_DUCTO_int waitig for _s_ducto_read_mutex");

@@ -38,7 +38,7 @@ struct connection_snapshot {
     bool has_wakelock = false;
     sns_wakelock::state wakelock = {};
     bool has_capture = false;
-    kivhal::connection::channel_capture::status capture = {"", false, 0};
+    kivhal::connection::channel_capture::status capture = {"", false, 0, 0, 0, 0, 0, 0};
 };
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -96,9 +96,12 @@ std::string format_connection(const void* conn, const connection_snapshot& s) {
     if (!s.has_capture) {
         appendf(&out, "  capture: off\n");
     } else {
-        appendf(&out, "  capture: %s, \"%s\", %llu records written\n",
+        appendf(&out,
+                "  capture: %s, \"%s\", interface %u, %" PRIu64 " records, %" PRIu64
+                " dropped (buffer full), %" PRIu64 " file writes\n",
                 s.capture.on ? "on" : "off after an error", s.capture.path.c_str(),
-                static_cast<unsigned long long>(s.capture.records));
+                s.capture.interface_id, s.capture.records, s.capture.dropped,
+                s.capture.file_writes);
     }
     return out;
 }

@@ -45,6 +45,28 @@ bool report_within_read(const sns_ducto_packet& packet, int bytes_read, kiv_log_
     return true;
 }
 
+// Why dispatch will drop the packet, for the capture; the log line is
+// dispatch's.
+kivhal::connection::capture_reason drop_reason(const sns_ducto_packet& packet, int bytes_read) {
+    using kivhal::connection::capture_reason;
+    switch (packet.msg_id) {
+        case SNS_AON_CLIENT_RESP_V01:
+        case SNS_AON_CLIENT_INFO_RESP_V01:
+        case SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01:
+            return capture_reason::none;
+        case SNS_AON_CLIENT_REPORT_IND_V01:
+        case SNS_AON_CLIENT_JUMBO_REPORT_IND_V01:
+            if (static_cast<size_t>(bytes_read) < SNS_DUCTO_IND_PAYLOAD_OFFSET) {
+                return capture_reason::short_report;
+            }
+            return report_payload_len(packet) > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET
+                           ? capture_reason::payload_past_read
+                           : capture_reason::none;
+        default:
+            return capture_reason::unknown_msg_id;
+    }
+}
+
 // One inbound packet, on the reader thread's behalf (`op`).
 void dispatch(tav_ducto* conn, sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
     const uint16_t msg_id = packet.msg_id;
@@ -120,9 +142,7 @@ void tav_ducto::ducto_thread_routine(tav_ducto* conn) {
                 }
             } else {
                 if (conn->_capture) {
-                    conn->_capture->channel_packet(kivhal::connection::kEpbFlagsInbound,
-                                                   android::elapsedRealtimeNano(), buf,
-                                                   static_cast<size_t>(n));
+                    conn->_capture->inbound(buf, static_cast<size_t>(n), drop_reason(packet, n));
                 }
                 dispatch(conn, packet, n, KIV_LOG_OP);
             }

@@ -3,8 +3,8 @@
 # the simulated sensor core on a temporary device root with the example OEM
 # configuration, and runs kivhal-info against it twice, as the HAL service's
 # first boot after flashing and as a later boot. The later boot is captured
-# (persist.vendor.debug.kiv.capture), summed up per message id with tshark and
-# the dissector, and replayed through kivhal-info by kivhal-coresim --replay.
+# (persist.vendor.debug.kiv.capture), shown dated and in order and summed up
+# per message id with tshark and the dissector, and replayed through kivhal-info by kivhal-coresim --replay.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -62,9 +62,15 @@ stop_sim
 echo "=== simulator stopped"
 
 echo
-echo "=== capture $capture: packets per message id (tshark, tools/wireshark/kivhal_channel.lua)"
-tshark -r "$capture" -X lua_script:tools/wireshark/kivhal_channel.lua \
-    -o "uat:protobuf_search_paths:\"$PWD/proto\",\"TRUE\"" \
+dissect=(-X lua_script:tools/wireshark/kivhal_channel.lua
+         -o "uat:protobuf_search_paths:\"$PWD/proto\",\"TRUE\"")
+echo "=== capture $capture: the first packets, dated (tshark -t ad, tools/wireshark/kivhal_channel.lua)"
+tshark -r "$capture" -c 8 -t ad "${dissect[@]}" 2>/dev/null
+tshark -r "$capture" -T fields -e frame.time_epoch 2>/dev/null |
+    awk 'NR > 1 && $1 < last { back++ } { last = $1 }
+         END { printf "  %d packets in file order, %d earlier than the one before\n", NR, back }'
+echo "=== packets per message id"
+tshark -r "$capture" "${dissect[@]}" \
     -T fields -e frame.packet_flags_direction -e kivhal.msg_id 2>/dev/null |
     awk '{ key = ($1 == 2 ? "library -> core " : "core -> library ") $2; count[key]++ }
          END { for (key in count) printf "  %5d  %s\n", count[key], key }' | sort -k2

@@ -19,6 +19,7 @@ const std::set<std::string> kOperations = {
     "ducto_error_handler", "ducto_thread_routine", "ducto_response_handler", "ducto_indication_handler",
     "update_suid", "trigger_event_cb", "initialize_client_req_id_db", "allocate_client_req_id",
     "free_client_req_id", "update_suid_map_table", "register_cb", "send_request", "run", "start_file", "switch_off",
+    "attach", "add_interface",
     // Discovery.
     "~kiv_sensor_factory", "startDiscovery", "is_registry_up", "discover_sensors", "wait_for_sensors", "request_suid",
     "registry_lookup_callback", "default_suids_lookup_callback", "handle_suids_lookup_callback",

@@ -21,6 +21,8 @@ constexpr size_t kIdbFixedLen = 16;    // through the snap length
 constexpr uint16_t kOptEnd = 0;
 constexpr uint16_t kOptIfName = 2;
 constexpr uint16_t kOptEpbFlags = 2;
+constexpr uint16_t kOptIsbIfdrop = 5;
+constexpr size_t kIsbFixedLen = 20;  // through the timestamp
 constexpr uint32_t kDirectionMask = 3;
 constexpr uint16_t kPcapngMajor = 1;
 constexpr char kChannelNodePrefix[] = "ductopkt_vorla_";
@@ -88,8 +90,13 @@ private:
             interface(b, len, pos);
         } else if (type == kPcapngEnhancedPacket) {
             packet(b, len, pos);
+        } else if (type == kPcapngInterfaceStatistics && len >= kIsbFixedLen + 4) {
+            const std::string dropped = option(b + kIsbFixedLen, b + len - 4, kOptIsbIfdrop);
+            if (dropped.size() == 8) {
+                _result.dropped += load<uint64_t>(reinterpret_cast<const uint8_t*>(dropped.data()));
+            }
         }
-        // Other blocks (statistics, comments) carry nothing a replay needs.
+        // Other blocks carry nothing a replay needs.
     }
 
     void interface(const uint8_t* b, uint32_t len, size_t pos) {
@@ -99,12 +106,15 @@ private:
             refuse_at(pos, "link type " + std::to_string(linktype) + " is not the channel's");
         }
         _linktypes.push_back(linktype);
+        _channels.emplace_back();
         if (linktype != kLinktypeChannel) return;
-        _has_channel = true;
         const std::string name = option(b + kIdbFixedLen, b + len - 4, kOptIfName);
         if (name.rfind(kChannelNodePrefix, 0) == 0) {
-            _result.channel = name.substr(sizeof(kChannelNodePrefix) - 1);
+            _channels.back() = name.substr(sizeof(kChannelNodePrefix) - 1);
         }
+        if (!_has_channel) _result.channel = _channels.back();
+        _has_channel = true;
+        ++_result.channel_interfaces;
     }
 
     void packet(const uint8_t* b, uint32_t len, size_t pos) {
@@ -116,10 +126,9 @@ private:
         if (captured > len - kEpbFixedLen - 4) refuse_at(pos, "packet longer than its block");
         const size_t options = kEpbFixedLen + ((static_cast<size_t>(captured) + 3) & ~size_t{3});
         const std::string flags = options <= len - 4 ? option(b + options, b + len - 4, kOptEpbFlags) : "";
-        const uint32_t direction = flags.size() == 4 ? load<uint32_t>(
-                                                           reinterpret_cast<const uint8_t*>(flags.data())) &
-                                                           kDirectionMask
-                                                     : 0;
+        const uint32_t flag_bits =
+            flags.size() == 4 ? load<uint32_t>(reinterpret_cast<const uint8_t*>(flags.data())) : 0;
+        const uint32_t direction = flag_bits & kDirectionMask;
         if (direction != kEpbFlagsInbound && direction != kEpbFlagsOutbound) {
             refuse_at(pos, "packet " + std::to_string(_frame) + " has no direction");
         }
@@ -127,6 +136,8 @@ private:
         record.frame = _frame;
         record.sensorstore = _linktypes[interface_id] == kLinktypeSensorstore;
         record.outbound = direction == kEpbFlagsOutbound;
+        record.channel = _channels[interface_id];
+        record.reason = static_cast<uint8_t>((flag_bits >> kEpbReasonShift) & kEpbReasonMask);
         record.timestamp_ns = (static_cast<uint64_t>(load<uint32_t>(b + 12)) << 32) | load<uint32_t>(b + 16);
         record.bytes.assign(b + kEpbFixedLen, b + kEpbFixedLen + captured);
         _result.records.push_back(std::move(record));
@@ -151,6 +162,7 @@ private:
     size_t _size;
     capture _result;
     std::vector<uint16_t> _linktypes;
+    std::vector<std::string> _channels;  // by interface id; "" for the sensorstore's
     bool _has_channel = false;
     int _sections = 0;
     size_t _frame = 0;

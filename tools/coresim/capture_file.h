@@ -19,11 +19,15 @@ struct capture_record {
     bool sensorstore = false;  // a partition record, not a channel packet
     bool outbound = false;     // written by the library
     uint64_t timestamp_ns = 0;
+    std::string channel;  // of a channel packet: its interface's channel
+    uint8_t reason = 0;   // a kivhal::connection::capture_reason: why it was dropped
     std::vector<uint8_t> bytes;
 };
 
 struct capture {
-    std::string channel;                  // from the channel interface's name
+    std::string channel;                  // the first channel interface's channel
+    size_t channel_interfaces = 0;        // one per connection that captured
+    uint64_t dropped = 0;                 // the interfaces' isb_ifdrop, summed
     std::vector<capture_record> records;  // in time order (file order among equals)
     bool cut_short = false;               // the last block was incomplete
 };

@@ -1,5 +1,10 @@
 #include "capture_replay.h"
 
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -106,9 +111,13 @@ std::string image_text(const std::vector<uint8_t>& image) {
 
 void write_sensorstore(const std::string& path, const std::vector<uint8_t>& image) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
-    if (!out) throw tool_error("cannot write the sensorstore image " + path);
+    // Health records: private to this user, whatever the umask.
+    android::base::unique_fd fd(
+        TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)));
+    if (!fd.ok() || fchmod(fd.get(), 0600) != 0 ||
+        !android::base::WriteFully(fd.get(), image.data(), image.size())) {
+        throw tool_error("cannot write the sensorstore image " + path);
+    }
 }
 
 }  // namespace
@@ -184,7 +193,8 @@ public:
         _last_ts = _capture.records.empty() ? 0 : _capture.records.front().timestamp_ns;
         for (size_t i = 0; i < _capture.records.size(); ++i) {
             const capture_record& record = _capture.records[i];
-            if (record.sensorstore) continue;
+            // The replay plays the first connection's core.
+            if (record.sensorstore || record.channel != _capture.channel) continue;
             const int status = record.outbound ? expect_request(record) : send(i);
             if (status >= 0) return status;
             _last_ts = record.timestamp_ns;
@@ -278,8 +288,15 @@ private:
     // walked, recorded right behind the write-info.
     void write_image(size_t index) {
         std::vector<uint8_t> image;
-        for (size_t i = index + 1; i < _capture.records.size() && _capture.records[i].sensorstore; ++i) {
-            const auto& bytes = _capture.records[i].bytes;
+        // Up to this channel's next packet in: requests of other threads and
+        // packets of other connections may sit between the partition's records.
+        for (size_t i = index + 1; i < _capture.records.size(); ++i) {
+            const capture_record& next = _capture.records[i];
+            if (!next.sensorstore) {
+                if (next.outbound || next.channel != _capture.channel) continue;
+                break;
+            }
+            const auto& bytes = next.bytes;
             if (bytes.size() == kivhal::connection::kSensorstoreHeaderRecordLen) image.clear();
             image.insert(image.end(), bytes.begin(), bytes.end());
         }

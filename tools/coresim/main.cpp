@@ -144,7 +144,7 @@ int replay(replay_options options, std::string channel) {
     prepare_partition(options.partition_path);
     const size_t requests = static_cast<size_t>(std::count_if(
         recorded.records.begin(), recorded.records.end(),
-        [](const capture_record& r) { return r.outbound && !r.sensorstore; }));
+        [&](const capture_record& r) { return r.outbound && !r.sensorstore && r.channel == recorded.channel; }));
     const sigset_t stop_signals = block_stop_signals();
     kivhal::test::core_stub core(channel);
     printf("%s: replaying %s on %s: %zu packets, %zu requests to check%s\n", kTool,

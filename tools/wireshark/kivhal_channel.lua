@@ -1,10 +1,17 @@
 -- Wireshark dissector for captures of libkivhal_common's sensor-core channel
--- (persist.vendor.debug.kiv.capture): the packet framing on LINKTYPE_USER0,
--- the sensorstore records on LINKTYPE_USER1. Protobuf payloads go to
--- Wireshark's own protobuf dissector; give it the repository's proto/ folder:
+-- (persist.vendor.debug.kiv.capture): the packet framing on LINKTYPE_USER0
+-- (one interface per connection), the sensorstore records on LINKTYPE_USER1,
+-- and why the library dropped a packet. Protobuf payloads go to Wireshark's
+-- own protobuf dissector; give it the repository's proto/ folder as an
+-- absolute path (Wireshark does not resolve a relative one against the
+-- working directory), from the repository's top:
 --
 --   wireshark -X lua_script:tools/wireshark/kivhal_channel.lua \
---     -o 'uat:protobuf_search_paths:"proto","TRUE"' capture.pcapng
+--     -o "uat:protobuf_search_paths:\"$PWD/proto\",\"TRUE\"" capture.pcapng
+--
+-- Without it every payload is marked "protobuf type ... not found".
+-- Timestamps are the boot clock; the interfaces' if_tsoffset shows them as
+-- dates (to the second; each interface's comment has the exact offset).
 
 local channel = Proto("kivhal", "Sensor-core channel")
 local store = Proto("kivhal_store", "Sensorstore record")
@@ -26,7 +33,18 @@ local event_types = { [768] = "sns_suid_event", [128] = "sns_std_attr_event" }
 local LOOKUP_REQUEST, DISABLE_REQUEST = 512, 10
 local LOOKUP_SUID_HALF = "ABABABABABABABAB"
 
+-- Why the library dropped a packet: bits 16-23 of epb_flags.
+local reasons = {
+    [1] = "length field past the packet buffer",
+    [2] = "shorter than its length field",
+    [3] = "report shorter than its head",
+    [4] = "report payload runs past the bytes read",
+    [5] = "unknown message id",
+    [6] = "not sent: the channel write failed",
+}
+
 local f = {
+    drop_reason = ProtoField.uint8("kivhal.drop_reason", "Dropped by the library", base.DEC, reasons),
     msg_id = ProtoField.uint16("kivhal.msg_id", "Message id", base.HEX, msg_names),
     reserved = ProtoField.uint16("kivhal.reserved", "Reserved"),
     pkt_len = ProtoField.uint16("kivhal.pkt_len", "Packet length"),
@@ -54,12 +72,23 @@ local s = {
 store.fields = s
 
 local direction_field = Field.new("frame.packet_flags_direction")
+local flags_field = Field.new("frame.packet_flags")
+local message_name_field = Field.new("protobuf.message.name")
 local OUTBOUND = 2
+local WRITE_FAILED = 6
 
 local protobuf = Dissector.get("protobuf")
 -- The Info text of the packet being dissected; the protobuf dissector writes
 -- to the column too, so it is set once at the end.
 local info = {}
+
+-- The protobuf dissector names a message it has no definition of so.
+local function type_not_found()
+    for _, name in ipairs({ message_name_field() }) do
+        if tostring(name.value) == "<UNKNOWN> Message Type" then return true end
+    end
+    return false
+end
 
 local function protobuf_message(tvb, pinfo, tree, message_type)
     if tvb:len() == 0 then return end
@@ -68,6 +97,10 @@ local function protobuf_message(tvb, pinfo, tree, message_type)
     -- the rest of the packet are still shown.
     if not pcall(protobuf.call, protobuf, tvb:tvb(), pinfo, tree) then
         tree:add_expert_info(PI_MALFORMED, PI_WARN, "not a valid " .. message_type)
+    elseif type_not_found() then
+        -- The type was not found: the proto path does not resolve.
+        tree:add_expert_info(PI_UNDECODED, PI_WARN, "protobuf type " .. message_type ..
+            " not found: set protobuf_search_paths to the absolute path of the repository's proto/")
     end
 end
 
@@ -214,7 +247,16 @@ end
 function channel.dissector(tvb, pinfo, root)
     info = {}
     local direction = direction_field()
+    local flags = flags_field()
+    local reason = flags and math.floor(flags.value / 65536) % 256 or 0
     dissect_packet(tvb, pinfo, root, direction and direction.value == OUTBOUND)
+    if reason ~= 0 then
+        local item = root:add(f.drop_reason, reason)
+        item:set_generated()
+        item:add_expert_info(PI_MALFORMED, PI_WARN, reasons[reason] or "dropped")
+        local text = reasons[reason] or "unknown reason"
+        info[#info + 1] = reason == WRITE_FAILED and "[" .. text .. "]" or "[dropped: " .. text .. "]"
+    end
     pinfo.cols.protocol = "KIVHAL"
     pinfo.cols.info:set(table.concat(info, " "))
 end
