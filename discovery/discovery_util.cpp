@@ -52,7 +52,9 @@ public:
     }
 };
 
-real_clock g_real_clock;
+// Never destroyed: a hang-up ends the process with exit() from the reader
+// thread while discovery may still be sleeping on this clock.
+discovery_clock& g_real_clock = *new real_clock;
 std::atomic<discovery_clock*> g_clock{&g_real_clock};
 
 }  // namespace
