@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
@@ -144,10 +145,12 @@ TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
     EXPECT_EQ(factory.discoveryList.size(), 2u);
 }
 
-TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
+TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswerEndsItsWait) {
     root.write_file(kListPath, "health\nheart_rate\n");
     core.add_sensor_type("health", {kHealth}, true);
     core.add_sensor_type("heart_rate", {kHeartRate}, true);
+    core.hold_answers = true;  // answers come while discovery waits
+    clock.meanwhile = [&] { core.deliver_held(); };
     factory.startDiscovery(&core);
 
     // Registry lookup and disable, the three names, disable, attributes, releases.
@@ -175,8 +178,8 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
     EXPECT_TRUE(requests[6].suid == requests[8].suid && requests[7].suid == requests[9].suid);
     EXPECT_NE(requests[6].suid, requests[7].suid);
     EXPECT_TRUE(log_contains("(no of repeats:'0') ", ANDROID_LOG_INFO));
-    // Registry wait and settle, the later boot's 1 s, the final 50 ms.
-    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{1000, 100, 1000, 50}));
+    // The registry's answer ends its wait; settle, the later boot's 1 s, the final 50 ms.
+    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{0, 100, 1000, 50}));
     EXPECT_EQ(factory.attributesMap.size(), 2u);
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
@@ -199,6 +202,19 @@ TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
     EXPECT_EQ(pauses_ms(), schedule({1000, 100, 7000}, {2000}, 8, {50}));
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "");
+}
+
+// Without its folder the list cannot be created: the answers still count,
+// so no rediscovery follows, and nothing is written.
+TEST_F(DiscoveryDriverTest, FirstBootWithoutTheListFolderStillCountsItsAnswers) {
+    std::filesystem::remove_all(root.host_path("/mnt/vendor/persist/sensors"));
+    core.add_sensor_type("health", {kHealth}, true);
+    factory.startDiscovery(&core);
+    EXPECT_EQ(num_mandatory_sns, 1u);
+    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{1000, 100, 7000, 50}));
+    EXPECT_FALSE(root.exists(kListPath));
+    EXPECT_EQ(factory.attributesMap.count(kHealth), 1u);
+    EXPECT_TRUE(log_contains("create fail for sensors_list with errno ", ANDROID_LOG_ERROR));
 }
 
 // An unlisted answer grows the list but never counts, so the wait runs out.
