@@ -233,7 +233,8 @@ protected:
   <goal data_type_value="0x1000"><threshold type="int" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="int" type_value="60" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="int"
       type_value="10" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
+  <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/>
+    <threshold type="float" type_value="-1.5" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x10000"><threshold type="byte" type_value="A&#xFF;" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x5001"><threshold type="int" type_value="1" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x1008"><threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
@@ -270,6 +271,8 @@ TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparison) {
         {goal(0x1000, kGe, 6000), true}, {goal(0x1000, kGe, 5000), true}, {goal(0x1000, kGe, 4000), false},
         {goal(0x1000, kLe, 45), true}, {goal(0x1000, kLe, 61), false}, {goal(0x1000, 2, 45), false},
         {goal(0x1008, kLe, 0, 2.5f), true}, {goal(0x1008, kLe, 0, 2.6f), false}, {goal(0x1008, kGe, 0, 9.0f), false},
+        {goal(0x1001, kLe, 0, 1.5f), true}, {goal(0x1001, kLe, 0, 1.6f), false}, {goal(0x1001, kGe, 0, -1.0f), true},
+        {goal(0x1001, kGe, 0, -2.0f), false},
         {goal(0x10000, kLe, 0), true}, {goal(0x10000, kGe, 0), false}, {goal(0x5001, kLe, 1), false},
         {goal(0x1009, kLe, 1), false}};
     for (const auto& [g, supported] : cases) {

@@ -286,6 +286,11 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesChangeNothing) {
     auto service = fake_power_state_service::register_default();
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
+    service->registration_accepted = false;  // no handler: the states are kept, the service left alone
+    handle(kOff, 3);
+    handle(kOn, 3);
+    EXPECT_EQ(0, service->acquires + service->releases);
+    service->registration_accepted = true;
     handle(kOff, 9);  // unknown session: not added, nothing else happens
     EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR).size());
     handle(3, 5);  // unknown message id
