@@ -307,6 +307,7 @@ INTEGER = re.compile(r"(?<![\w.])(0[xX][0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.])")
 CONSTANT = re.compile(r"(?<![\w.>:])(?:\w+::)*(k[A-Z]\w*|[A-Z][A-Z0-9]*_[A-Z0-9_]+|[A-Z]{3,}[0-9]*)\b")
 LOG_CALL = re.compile(r"^\s*(KIV_LOG\w*|ALOG\w*|LOG\w*)\(")
 NOT = re.compile(r"!(?!=)")
+DEFINITION = re.compile(r"^(\[[^\]]*\]\s*)*(=(?!=)|\{)")
 RETURN = re.compile(r"^(\s*return )(.+);\s*$")
 ASSIGNMENT = re.compile(r"^\s*[\w.\[\]>*()-]+\s*([-+*/|&^]|<<|>>)?=\s")
 CALL = re.compile(r"^\s*[\w:.\->\[\]*()&]*\w\s*\(.*\)\s*;\s*$")
@@ -318,8 +319,9 @@ def balanced(code):
     return code.count("(") == code.count(")") and code.count("[") == code.count("]")
 
 
-def line_mutants(code, raw):
-    """(kind, start, end, replacement) of every mutant of one line."""
+def line_mutants(code, raw, in_body=True):
+    """(kind, start, end, replacement) of every mutant of one line; statements
+    are only removed inside a function body."""
     found = []
     stripped = code.strip()
     if not stripped or stripped.startswith("#"):
@@ -338,7 +340,7 @@ def line_mutants(code, raw):
             found.append(("integer \u00b11", m.start(), m.end(), token))
     for m in CONSTANT.finditer(code):
         after = code[m.end():].lstrip()
-        if after.startswith("(") or (after.startswith("=") and not after.startswith("==")) or after.startswith("{"):
+        if after.startswith("(") or DEFINITION.match(after):
             continue  # a macro call, or the constant's own definition
         if re.search(r"\b(constexpr|enum|define|const\s+\w+)\s*$", code[:m.start()]):
             continue
@@ -348,7 +350,7 @@ def line_mutants(code, raw):
         found.append(("dropped !", m.start(), m.end(), ""))
     words = re.findall(r"\w+", stripped)
     first = words[0] if words else ""
-    if stripped.endswith(";") and balanced(stripped) and first not in NOT_STATEMENTS \
+    if in_body and stripped.endswith(";") and balanced(stripped) and first not in NOT_STATEMENTS \
             and raw.strip() == code.strip():
         begin = len(code) - len(code.lstrip())
         end = len(code.rstrip())
@@ -363,6 +365,31 @@ def line_mutants(code, raw):
             if value != replacement:
                 found.append(("return value", m.end(1), m.end(2), replacement))
     return found
+
+
+SCOPE = re.compile(r"\b(class|struct|namespace|enum|union)\b")
+
+
+def body_lines(code_lines):
+    """Per line: whether it starts inside a function body (or a block in
+    one), as against namespace, class or enum scope."""
+    inside, stack, head = [], [], ""
+    for code in code_lines:
+        inside.append(any(stack))
+        for c in code:
+            if c == "{":
+                stack.append(not SCOPE.search(head) or any(stack))
+                head = ""
+            elif c == "}":
+                if stack:
+                    stack.pop()
+                head = ""
+            elif c == ";":
+                head = ""
+            else:
+                head += c
+        head += " "
+    return inside
 
 
 def library_files(root):
@@ -384,6 +411,7 @@ def generate(root):
         raw_lines = text.split("\n")
         code_lines = code_view(text).split("\n")
         seen, mutants, in_log = {}, [], False
+        bodies = body_lines(code_lines)
         for number, (raw, code) in enumerate(zip(raw_lines, code_lines), 1):
             stripped = raw.strip()
             seen[stripped] = seen.get(stripped, 0) + 1
@@ -394,7 +422,7 @@ def generate(root):
                 in_log = not code.rstrip().endswith(";")
                 continue
             tokens = {}
-            for kind, start, end, replacement in line_mutants(code, raw):
+            for kind, start, end, replacement in line_mutants(code, raw, bodies[number - 1]):
                 token = (raw[start:end], replacement)
                 tokens[token] = tokens.get(token, 0) + 1
                 mutant = Mutant(name, number, stripped, seen[stripped], kind, start, end, replacement, tokens[token])
