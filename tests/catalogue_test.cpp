@@ -136,7 +136,7 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     <threshold type="int" type_value="7" comparison_type="EQUAL"/><threshold type="int" type_value="7"/><threshold type_value="7"
       comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="double" type_value="7" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x10000">
-    <threshold type="byte" type_value="AB" comparison_type="GREATER_THAN_OR_EQUAL"/>
+    <threshold type="byte" type_value="A&amp;B" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="bytes" type_value="123" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
       type_value="Z" comparison_type="less_than_or_equal"/></goal>
   <goal data_type_value="0x1001">
@@ -152,7 +152,7 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 && a[0].comparisonType == kGe);
     EXPECT_TRUE(a[1].threshold.intValue == -3 && a[1].comparisonType == kLe);
     ASSERT_EQ(row(0x10000).goals.size(), 2u);
-    EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "AB");
+    EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "A&B");  // entities are decoded
     EXPECT_EQ(bytes_of(row(0x10000).goals[1]), "123");
     ASSERT_EQ(row(0x1001).goals.size(), 2u);
     EXPECT_FLOAT_EQ(row(0x1001).goals[0].threshold.floatValue, 2.5f);

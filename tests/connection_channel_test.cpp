@@ -82,11 +82,8 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     std::vector<uint8_t> packet(kPacketLen);
     for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i * 7);
     auto closed = android::base::make_scope_guard([&] { conn.reset(); });  // the hooks refer to this scope
-    const struct {
-        std::vector<ssize_t> pieces;
-        int result;
-        size_t written;
-    } writes_of[] = {{{500, 513}, 513, kPacketLen}, {{500, 0}, 0, 500}, {{0}, 0, 0}};
+    const struct { std::vector<ssize_t> pieces; int result; size_t written; } writes_of[] = {
+        {{500, 513}, 513, kPacketLen}, {{500, 0}, 0, 500}, {{0}, 0, 0}};
     for (const auto& c : writes_of) {
         std::string written;
         size_t call = 0;
@@ -104,18 +101,10 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     // Reads: a packet in pieces is joined once its length field (bytes 4-5)
     // is in; three EAGAINs per packet, in a row or not, give up. -1: EAGAIN.
     EXPECT_EQ(0, ducto()->ducto_read(3, packet.data(), 0));
-    const struct {
-        uint16_t length;
-        std::vector<ssize_t> pieces;
-        int result;
-        std::vector<size_t> asked;
-    } reads_of[] = {
-        {40, {3, 4, 33}, 40, {64, 61, 40}}, {40, {0, 7, 33}, 40, {64, 64, 40}},
-        {40, {-1, 6, -1, 1, 33}, 40, {64, 64, 58, 58, 40}},
-        {40, {-1, 7, -1, 10, -1}, -EAGAIN, {64, 64, 40, 40, 40}},
-        {65, {7}, 0, {64}},
-        {64, {40, 24}, 64, {64, 24}},
-    };
+    const struct { uint16_t length; std::vector<ssize_t> pieces; int result; std::vector<size_t> asked; } reads_of[] = {
+        {40, {3, 4, 33}, 40, {64, 61, 40}}, {40, {0, 7, 33}, 40, {64, 64, 40}}, {65, {7}, 0, {64}},
+        {40, {-1, 6, -1, 1, 33}, 40, {64, 64, 58, 58, 40}}, {40, {-1, 7, -1, 10, -1}, -EAGAIN, {64, 64, 40, 40, 40}},
+        {64, {40, 24}, 64, {64, 24}}};
     for (const auto& c : reads_of) {
         std::string device(c.length, 'p');
         device[4] = static_cast<char>(c.length);
@@ -125,8 +114,8 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
         host::set_channel_hooks({nullptr, [&](int, void* buf, size_t len) -> ssize_t {
                                      asked.push_back(len);
                                      const ssize_t n = c.pieces.at(asked.size() - 1);
-                                     if (n < 0) errno = EAGAIN;
-                                     if (n > 0) memcpy(buf, device.data() + at, n);
+                                     errno = EAGAIN;
+                                     memcpy(buf, device.data() + at, std::max<ssize_t>(n, 0));
                                      at += std::max<ssize_t>(n, 0);
                                      return n;
                                  }, nullptr, nullptr});
