@@ -58,6 +58,7 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     send(kAccel, 512);
     ASSERT_TRUE(core->wait_for_requests(1, kWait));
     EXPECT_EQ(kPacketLen, core->requests()[0].raw.size());
+    EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 2", ANDROID_LOG_INFO));
     core->send_response({});
     ASSERT_TRUE(accel.wait_responses(1));
 

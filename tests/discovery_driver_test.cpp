@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -82,6 +85,33 @@ TEST(SensorAttributesTest, GettersReadTheirKindAndNameWhatIsWrong) {
     EXPECT_THAT([&] { a.get_stream_type(); }, ThrowsMessage<std::runtime_error>(StrEq("stream_type attribute not available")));
     a.set_attribute(sensor_attributes::STREAM_TYPE_ATTRIBUTE_ID, values<int64_t>({2, 5}));
     EXPECT_EQ(a.get_stream_type(), 2);
+}
+
+// The real clock: a sleep lasts its length, started over when a signal cuts
+// it short; a timed wait ends at its time-out or at once on its signal.
+TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
+    using namespace std::chrono_literals;
+    kivhal::discovery::discovery_clock& clock = kivhal::discovery::current_clock();
+    struct sigaction ignore = {};
+    ignore.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &ignore, nullptr);
+    const pthread_t self = pthread_self();
+    std::thread poke([&] { std::this_thread::sleep_for(20ms); pthread_kill(self, SIGUSR1); });
+    int64_t start = clock.steady_now_ns();
+    EXPECT_EQ(clock.sleep_ns(60 * kivhal::discovery::kNanosPerMilli), 0);
+    EXPECT_GE(clock.steady_now_ns() - start, 60 * kivhal::discovery::kNanosPerMilli);
+    poke.join();
+
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    start = clock.steady_now_ns();
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 30 * kivhal::discovery::kNanosPerMilli), ETIMEDOUT);
+    EXPECT_GE(clock.steady_now_ns() - start, 30 * kivhal::discovery::kNanosPerMilli);
+    std::thread signaller([&] { pthread_mutex_lock(&mutex); pthread_cond_signal(&cond); pthread_mutex_unlock(&mutex); });
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 5000 * kivhal::discovery::kNanosPerMilli), 0);
+    pthread_mutex_unlock(&mutex);
+    signaller.join();
 }
 
 constexpr uint32_t kLookup = 512, kDisable = 10, kAttribute = 1;
@@ -181,6 +211,7 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswer
     // The registry's answer ends its wait; settle, the later boot's 1 s, the final 50 ms.
     EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{0, 100, 1000, 50}));
     EXPECT_EQ(factory.attributesMap.size(), 2u);
+    EXPECT_TRUE(factory.get_suids("heart_rate") == kHeartRate && factory.get_suids("none") == (sensor_uid{0, 0}));
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
 }
@@ -236,10 +267,13 @@ TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
 
 // A message the connection could not have delivered whole is dropped with an error line.
 TEST_F(DiscoveryCallbacksTest, MessagesWithoutTheirBytesAreDropped) {
-    factory.registry_lookup_callback(nullptr, 5, 0);
-    factory.default_suids_lookup_callback(nullptr, 5, 0);
-    factory.default_attributes_lookup_callback(nullptr, 5, 0);
+    for (const uint32_t length : {5u, 0u}) {  // an empty message needs no bytes
+        factory.registry_lookup_callback(nullptr, length, 0);
+        factory.default_suids_lookup_callback(nullptr, length, 0);
+        factory.default_attributes_lookup_callback(nullptr, length, 0);
+    }
     EXPECT_EQ(kivhal::test::log_lines_containing(" of length 5", ANDROID_LOG_ERROR).size(), 3u);
+    EXPECT_EQ(kivhal::test::log_lines_containing(" of length 0", ANDROID_LOG_ERROR).size(), 0u);
     EXPECT_TRUE(factory.suidMap.empty() && factory.attributesMap.empty());
 }
 

@@ -272,6 +272,7 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
     ASSERT_TRUE(eventually([&] { return sessions().find("session 5: off") != std::string::npos; }));
+    EXPECT_FALSE(handler::acquire_wakelock());
 
     auto service = fake_power_state_service::register_default();
     ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
