@@ -441,13 +441,15 @@ def sample(generated, count, seed):
     files = [name for name, (_, mutants) in generated.items() if mutants]
     total = sum(generated[name][0] for name in files)
     share = {name: count * generated[name][0] / total for name in files}
-    quota = {name: max(1, int(share[name])) for name in files}
+    size = {name: len(generated[name][1]) for name in files}
+    quota = {name: min(size[name], max(1, int(share[name]))) for name in files}
+    # What a file cannot take goes, by largest remainder, to files that can.
     spare = count - sum(quota.values())
-    for name in sorted(files, key=lambda n: share[n] - int(share[n]), reverse=True):
-        if spare <= 0:
-            break
-        quota[name] += 1
-        spare -= 1
+    while spare > 0 and any(quota[n] < size[n] for n in files):
+        for name in sorted(files, key=lambda n: (share[n] - quota[n], n), reverse=True):
+            if spare > 0 and quota[name] < size[name]:
+                quota[name] += 1
+                spare -= 1
     chosen = []
     for name in files:
         mutants = generated[name][1]
@@ -517,7 +519,8 @@ def main():
                         help="with --generate: N mutants, drawn per file in proportion to its lines")
     parser.add_argument("--seed", default="1", metavar="S", help="seed of --sample (default 1)")
     parser.add_argument("--ids-from", metavar="JSON",
-                        help="run only the mutants a previous run's JSON reports as survived")
+                        help="run only the mutants a previous run's JSON reports as survived "
+                             "(instead of a sample)")
     parser.add_argument("--rev", help="take the sources from this git revision instead of the tree "
                                       "(the fault list still comes from the tree)")
     parser.add_argument("--json", default=os.path.join(WORK, "results.json"),
@@ -554,7 +557,7 @@ def main():
         if args.ids_from:
             with open(args.ids_from, encoding="utf-8") as f:
                 wanted = {r["id"] for r in json.load(f)["results"] if r["result"] == "survived"}
-            candidates = [m for m in candidates if m.id in wanted]
+            candidates = [m for m in every if m.id in wanted]
         known = {m.id for m in every} | {m.id for m in candidates}
         apply = apply_mutant
     else:
