@@ -26,6 +26,15 @@ std::string open_error(int code) {
 
 // Only time-outs are retried, three tries a second apart; descriptor 0 is never the channel.
 TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // descriptor 1 is: stdout becomes the channel
+    EXPECT_EXIT(
+        {
+            host::set_channel_hooks({[](const char* path, int flags) { return dup2(host::real_open_node(path, flags), 1); },
+                                     nullptr, nullptr, nullptr});
+            conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}));
+            _exit(dump_of(*conn).find(", fd 1, reader thread running\n") == std::string::npos);
+        },
+        ::testing::ExitedWithCode(0), "");
     const struct {
         int error, result, failures, opens;
         std::chrono::milliseconds at_least;
