@@ -170,6 +170,7 @@ TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
     EXPECT_EQ(lookups_of("registry"), 80u);
     EXPECT_EQ(core.requests().back().msg_id(), kDisable);
     EXPECT_EQ(pauses_ms(), schedule({}, {1000, 250}, 80, {100}));
+    EXPECT_DOUBLE_EQ(kivhal::discovery::steady_now_seconds(), 1000 + 100.1);  // the clock starts at 1000 s
     EXPECT_TRUE(log_contains("(no of repeats:'80')", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_EQ(factory.discoveryList.size(), 2u);
