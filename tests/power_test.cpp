@@ -75,11 +75,11 @@ TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPa
                                                  EndsWith(" (5)"))));
     EXPECT_EQ(0u, header().reset_data_len);
 
-    // Shorter than its header: neither pass reads, maps or writes it.
-    root.write_file(kSensorStorePartition, "abcd");
+    // One byte shorter than its header: neither pass reads, maps or writes it.
+    root.write_file(kSensorStorePartition, "abcdefg");
     EXPECT_THROW(process(100, 0), ducto_error);
     EXPECT_THROW(ducto()->tav_update_sensorstore_header_reset_field(1), ducto_error);
-    EXPECT_EQ("abcd", root.read_file(kSensorStorePartition));
+    EXPECT_EQ("abcdefg", root.read_file(kSensorStorePartition));
 
     unlink(root.host_path(kSensorStorePartition).c_str());
     EXPECT_THAT([&] { ducto()->tav_update_sensorstore_header_reset_field(1); },
