@@ -135,6 +135,12 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
         const size_t joined = static_cast<size_t>(std::max(c.result, 0));
         EXPECT_EQ(device.substr(0, joined), std::string(buf.begin(), buf.begin() + joined));
     }
+
+    // A closed channel takes no write.
+    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
+    ducto()->ducto_disconnect(false);
+    EXPECT_EQ(0, ducto()->ducto_write(3, packet.data(), kPacketLen));
+    EXPECT_EQ(100, writes->load());
 }
 
 // A disable request whose write fails is taken back, the newest of its sensor,

@@ -216,6 +216,8 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
               replayed());
     EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
     EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
+    // Replayed under their own id: the handler's only trace of it.
+    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int msg_id 34 ", ANDROID_LOG_VERBOSE).size());
 }
 
 TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTheRest) {

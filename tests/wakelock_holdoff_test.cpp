@@ -181,6 +181,20 @@ TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
     EXPECT_EQ(kName + kName, root.read_file(kUnlockFile));
 }
 
+// The due time in milliseconds, one decimal: 19.949999 ms is 19.9.
+TEST_F(connection_test, TheDumpShowsTheDueTimeInMillisecondsRoundedToOneDecimal) {
+    host::set_property(kHoldoffProperty, "20");
+    virtual_timer_host timer;  // first host: the one armed
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    wl->add_timer_host(&timer);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    wl->get_n_locks(1);
+    wl->put_n_locks(1);
+    timer.now = 50001;
+    EXPECT_THAT(dump_text(*conn, root), HasSubstr("    hold-off: 20 ms, release pending, due in 19.9 ms\n"));
+    wl->remove_timer_host(&timer);
+}
+
 TEST_F(connection_test, HangUpWritesAPendingReleaseBeforeTheProcessEnds) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
