@@ -126,7 +126,8 @@ TEST_F(connection_test, EveryWriteHoldsTheWakeLockAndWritesAndReportsQueryTraceT
         EXPECT_EQ(tracing ? 4u : 0u, host::trace_tag_queries());
         EXPECT_EQ(locked + kWakeLockName + kWakeLockName, root.read_file("/sys/power/wake_lock"));
         EXPECT_EQ(unlocked + kWakeLockName + kWakeLockName, root.read_file("/sys/power/wake_unlock"));
-        // A report is delivered between two queries.
+        // A report is delivered between two queries (once the stand-in has taken this connection).
+        ASSERT_TRUE(core->wait_for_requests(tracing ? 4 : 2, kWait));
         std::atomic<uint64_t> during{~0ull};
         conn->register_cb(kGyro, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) { during = host::trace_tag_queries(); });
         ASSERT_TRUE(core->send_packet(core_stub::make_report(core_stub::make_event(kGyro, kDataEvent, "r"))));
