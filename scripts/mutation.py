@@ -506,6 +506,7 @@ def apply_mutant(mutant, root):
 
 
 def main():
+    global WORK, COPY, RESULTS
     parser = argparse.ArgumentParser(
         prog="scripts/mutation.sh",
         description="Patches each listed fault (or generated mutant) into a private copy of the "
@@ -523,12 +524,19 @@ def main():
                              "(instead of a sample)")
     parser.add_argument("--rev", help="take the sources from this git revision instead of the tree "
                                       "(the fault list still comes from the tree)")
-    parser.add_argument("--json", default=os.path.join(WORK, "results.json"),
-                        help="where the per-mutant results go (default build/mutation/results.json)")
+    parser.add_argument("--json", help="where the per-mutant results go (default results.json beside "
+                                       "the copy)")
+    parser.add_argument("--work", default=WORK,
+                        help="directory of the copy and the results (default build/mutation); two "
+                             "runs at once need two")
     parser.add_argument("--build-jobs", type=int, default=os.cpu_count() or 2)
     parser.add_argument("--test-jobs", type=int, default=4 * (os.cpu_count() or 2))
     parser.add_argument("--test-timeout", type=int, default=60, help="seconds per case (default 60)")
     args = parser.parse_args()
+    WORK = os.path.abspath(args.work)
+    COPY = os.path.join(WORK, "src")
+    RESULTS = os.path.join(WORK, "results.tsv")
+    args.json = args.json or os.path.join(WORK, "results.json")
     if (args.sample is not None or args.ids_from) and not args.generate:
         parser.error("--sample and --ids-from go with --generate")
 
