@@ -138,6 +138,7 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
   <goal data_type_value="0x10000">
     <threshold type="byte" type_value="A&amp;B" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="bytes" type_value="123" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
+      comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
       type_value="Z" comparison_type="less_than_or_equal"/></goal>
   <goal data_type_value="0x1001">
     <threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/>

@@ -58,6 +58,8 @@ TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
         EXPECT_GE(steady_clock::now() - start, c.at_least) << c.error;
         EXPECT_EQ(c.opens, opens->load()) << c.error;
     }
+    EXPECT_THAT([] { delete tav_interface::create(TAV_DUCTO_CONNECTION, {nullptr}); },
+                ThrowsMessage<ducto_error>(StrEq(open_error(-EINVAL))));
 }
 
 TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndReadsJoinPiecesWithinThreeEagains) {

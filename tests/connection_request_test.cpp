@@ -150,6 +150,8 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
     ASSERT_EQ(0, register_sensor(kGyro, gyro));
     const std::string small = core_stub::make_event(kGyro, kDataEvent, "sample");
     const std::string jumbo = core_stub::make_event(kAccel, kDataEvent, std::string(6000, 'j'));
+    std::string full;  // fills a packet to its last byte: 10000 bytes of payload
+    for (size_t n = 9900; (full = core_stub::make_event(kAccel, kDataEvent, std::string(n, 'f'))).size() < 10000; ++n) {}
     const std::string last = core_stub::make_event(kAccel, kDataEvent, "ok");
     const std::string sentinel = core_stub::make_event(kGyro, kDataEvent, "end");
     const auto exact_len = static_cast<uint32_t>(last.size());
@@ -160,7 +162,7 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
              // A report too short for its length field, right after one whose
              // length and payload it would reuse.
              core_stub::make_report(small), core_stub::make_packet(0x21, {1, 2, 3}),
-             core_stub::make_report(jumbo, true), core_stub::make_report(""),
+             core_stub::make_report(jumbo, true), core_stub::make_report(full, true), core_stub::make_report(""),
              core_stub::make_report(core_stub::make_event({0x3333, 0xc3}, 1, "nobody")),
              core_stub::make_packet(0x23, std::vector<uint8_t>(20, 0x21)),
              core_stub::make_packet(0x7f, {0, 0, 0, 0}), core_stub::make_packet(0x24, {0, 0, 0, 0}),
@@ -175,7 +177,8 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
     const uint64_t after = static_cast<uint64_t>(android::elapsedRealtimeNano());
     using event = event_recorder::event;
     EXPECT_THAT(gyro.events(), ElementsAre(Field(&event::payload, small), Field(&event::payload, sentinel)));
-    EXPECT_THAT(accel.events(), ElementsAre(Field(&event::payload, jumbo), Field(&event::payload, last)));
+    EXPECT_THAT(accel.events(), ElementsAre(Field(&event::payload, jumbo), Field(&event::payload, full),
+                                            Field(&event::payload, last)));
     for (const auto& e : accel.events()) {
         EXPECT_GE(e.timestamp, before);
         EXPECT_LE(e.timestamp, after);
