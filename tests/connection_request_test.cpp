@@ -184,6 +184,7 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
         EXPECT_LE(e.timestamp, after);
     }
     EXPECT_EQ(5u, log_lines_containing(", dropped", ANDROID_LOG_ERROR).size());
+    EXPECT_TRUE(ducto()->is_suid_already_registered(kGyro) && !ducto()->is_suid_already_registered({0x3333, 0xc3}));
 }
 
 TEST_F(connection_test, ReportHoldsTheWakeLockOnlyWhileItsCallbackRuns) {
