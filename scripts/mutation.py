@@ -1,18 +1,21 @@
 #!/usr/bin/env python3
 """Mutation check of the test suite; run it through scripts/mutation.sh.
 
-Each fault of scripts/mutation_faults.txt is a one-line change to the library.
-For each, a private copy of the sources (build/mutation/src, synced from the
-tree at start) is patched, rebuilt incrementally in its own build directory
-(configured like the fault's preset), the suite runs without the slow cases,
-and the file is put back. A fault is killed when any case fails or hangs,
-survives when all pass. The source tree itself is only ever read.
+Each fault of scripts/mutation_faults.txt is a one-line change to the library;
+with --generate, the faults are systematic one-token mutants of the library
+instead (a sample of them with --sample), less the reviewed equivalents of
+scripts/mutation_equivalent.txt. For each, a private copy of the sources
+(build/mutation/src, synced from the tree at start) is patched, rebuilt
+incrementally in its own build directory (configured like the fault's
+preset), the suite runs without the slow cases until a case fails, and the
+file is put back. A fault is killed when any case fails or hangs, survives
+when all pass. The source tree itself is only ever read.
 """
 
 import argparse
-import os
 import hashlib
 import json
+import os
 import random
 import re
 import shutil
