@@ -3,6 +3,7 @@
 #include <csignal>
 #include <limits>
 #include <map>
+#include <thread>
 
 #include "kiv_log.h"
 #include "kiv_sensor_factory.h"
@@ -12,7 +13,7 @@
 
 // A "datatype" entry without "sensor_type" or "type" stalls the parser for
 // good; that is the file's contract, checked by the configuration validator
-// tool, and deliberately not exercised here.
+// tool.
 
 namespace kt = vendor::zep::hardware::kiv_types;
 using kivhal::test::log_lines_containing;
@@ -132,11 +133,12 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
   <goal datatype="a" data_type_value="0x1000">
     <threshold type="integer" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="int" type_value="-3" comparison_type="LESS_THAN_OR_EQUAL_TO"/>
-    <threshold type="int" type_value="7" comparison_type="EQUAL"/><threshold type_value="7"
+    <threshold type="int" type_value="7" comparison_type="EQUAL"/><threshold type="int" type_value="7"/><threshold type_value="7"
       comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="double" type_value="7" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x10000">
-    <threshold type="byte" type_value="AB" comparison_type="GREATER_THAN_OR_EQUAL"/>
+    <threshold type="byte" type_value="A&amp;B" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="bytes" type_value="123" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
+      comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
       type_value="Z" comparison_type="less_than_or_equal"/></goal>
   <goal data_type_value="0x1001">
     <threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/>
@@ -151,7 +153,7 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 && a[0].comparisonType == kGe);
     EXPECT_TRUE(a[1].threshold.intValue == -3 && a[1].comparisonType == kLe);
     ASSERT_EQ(row(0x10000).goals.size(), 2u);
-    EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "AB");
+    EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "A&B");  // entities are decoded
     EXPECT_EQ(bytes_of(row(0x10000).goals[1]), "123");
     ASSERT_EQ(row(0x1001).goals.size(), 2u);
     EXPECT_FLOAT_EQ(row(0x1001).goals[0].threshold.floatValue, 2.5f);
@@ -193,7 +195,7 @@ TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeInTableOrderOnlyWhenA
     EXPECT_EQ(exercise(9).autoStartDataTypes, walking);
 }
 
-TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValueAborts) {
+TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbortsAndMissingNamesStall) {
     EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));
     EXPECT_EQ(log_lines_containing("XML Config File Not Opened", ANDROID_LOG_ERROR).size(), 2u);
@@ -214,6 +216,14 @@ TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAndAMissingValue
             parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/></datatypes></configuration>)");
         },
         ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
+    // One without its names stalls the parse for good: still running after 200 ms.
+    EXPECT_EXIT(
+        {
+            std::thread([&] { parse(R"(<configuration><datatypes><datatype type="t"/></datatypes></configuration>)"); _exit(1); }).detach();
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // "steps" and "heart" have attributes ("heart" through two sensors); "silent"
@@ -233,7 +243,8 @@ protected:
   <goal data_type_value="0x1000"><threshold type="int" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
     <threshold type="int" type_value="60" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="int"
       type_value="10" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
+  <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/>
+    <threshold type="float" type_value="-1.5" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x10000"><threshold type="byte" type_value="A&#xFF;" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x5001"><threshold type="int" type_value="1" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
   <goal data_type_value="0x1008"><threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
@@ -264,18 +275,25 @@ TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
 
 // The first goal of the comparison decides, whatever the availability; an
 // unknown data type gets an empty row.
-TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparison) {
+TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparisonAndOfferedGoalsNeedAttributes) {
     factory.setSensorAvailabilityStatus("steps", false);
     const std::pair<kt::DataTypeGoal, bool> cases[] = {
         {goal(0x1000, kGe, 6000), true}, {goal(0x1000, kGe, 5000), true}, {goal(0x1000, kGe, 4000), false},
         {goal(0x1000, kLe, 45), true}, {goal(0x1000, kLe, 61), false}, {goal(0x1000, 2, 45), false},
         {goal(0x1008, kLe, 0, 2.5f), true}, {goal(0x1008, kLe, 0, 2.6f), false}, {goal(0x1008, kGe, 0, 9.0f), false},
+        {goal(0x1001, kLe, 0, 1.5f), true}, {goal(0x1001, kLe, 0, 1.6f), false}, {goal(0x1001, kGe, 0, -1.0f), true},
+        {goal(0x1001, kGe, 0, -2.0f), false},
         {goal(0x10000, kLe, 0), true}, {goal(0x10000, kGe, 0), false}, {goal(0x5001, kLe, 1), false},
         {goal(0x1009, kLe, 1), false}};
     for (const auto& [g, supported] : cases) {
         EXPECT_EQ(factory.isGoalSupported(g), supported) << static_cast<int32_t>(g.dataType) << " " << g.comparisonType;
     }
     EXPECT_TRUE(row(0x1009).sensorType.empty());
+    // Offered: every goal of a sensor type with attributes ("silent" has none).
+    std::vector<std::pair<int32_t, uint32_t>> offered;
+    for (const auto& g : factory.getSupportedGoals()) offered.emplace_back(static_cast<int32_t>(g.dataType), g.comparisonType);
+    EXPECT_THAT(offered, UnorderedElementsAre(Pair(0x1000, kGe), Pair(0x1000, kLe), Pair(0x1000, kGe), Pair(0x1001, kLe),
+                                              Pair(0x1001, kGe), Pair(0x10000, kLe), Pair(0x5001, kLe)));
 }
 
 TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailability) {

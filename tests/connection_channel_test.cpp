@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
 
 #include "connection_test_fixture.h"
 #include "sns_wakelock.h"
@@ -42,6 +43,15 @@ std::string open_error(int code) {
 
 // Only time-outs are retried, three tries a second apart; descriptor 0 is never the channel.
 TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // descriptor 1 is: stdout becomes the channel
+    EXPECT_EXIT(
+        {
+            host::set_channel_hooks({[](const char* path, int flags) { return dup2(host::real_open_node(path, flags), 1); },
+                                     nullptr, nullptr, nullptr});
+            conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}));
+            _exit(dump_of(*conn).find(", fd 1, reader thread running\n") == std::string::npos);
+        },
+        ::testing::ExitedWithCode(0), "");
     const struct {
         int error, result, failures, opens;
         std::chrono::milliseconds at_least;
@@ -65,15 +75,18 @@ TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
         EXPECT_GE(steady_clock::now() - start, c.at_least) << c.error;
         EXPECT_EQ(c.opens, opens->load()) << c.error;
     }
+    EXPECT_THAT([] { delete tav_interface::create(TAV_DUCTO_CONNECTION, {nullptr}); },
+                ThrowsMessage<ducto_error>(StrEq(open_error(-EINVAL))));
 }
 
-TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndReadsThreeTimes) {
+TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndReadsJoinPiecesWithinThreeEagains) {
     ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EBUSY, 2), nullptr});
     send(kAccel, 512);
     ASSERT_TRUE(core->wait_for_requests(1, kWait));
     EXPECT_EQ(kPacketLen, core->requests()[0].raw.size());
+    EXPECT_TRUE(log_contains("complete bytes written= 1013 retries 2", ANDROID_LOG_INFO));
     core->send_response({});
     ASSERT_TRUE(accel.wait_responses(1));
 
@@ -93,25 +106,98 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     ASSERT_TRUE(gyro.wait_responses(1));
     EXPECT_EQ(1u, accel.responses().size());
 
-    // A partial write is finished and its last piece's length returned.
-    std::string written;
-    const counter reads = std::make_shared<std::atomic<int>>(0);
-    host::channel_hooks hooks{nullptr, failing(host::real_read_node, EAGAIN, INT_MAX, -1, reads), nullptr, nullptr};
-    auto closed = android::base::make_scope_guard([&] { conn.reset(); });  // the hooks refer to this scope
-    hooks.write = [&](int, const void* buf, size_t len) -> ssize_t {
-        const size_t n = written.empty() ? 500 : len;
-        written.append(static_cast<const char*>(buf), n);
-        return static_cast<ssize_t>(n);
-    };
-    host::set_channel_hooks(hooks);
+    // A partial write is finished and its last piece's length returned; a
+    // write that takes nothing ends the packet.
     std::vector<uint8_t> packet(kPacketLen);
     for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i * 7);
-    EXPECT_EQ(513, ducto()->ducto_write(3, packet.data(), kPacketLen));
-    EXPECT_EQ(std::string(packet.begin(), packet.end()), written);
+    auto closed = android::base::make_scope_guard([&] { conn.reset(); });  // the hooks refer to this scope
+    const struct { std::vector<ssize_t> pieces; int result; size_t written; } writes_of[] = {
+        {{500, 513}, 513, kPacketLen}, {{500, 0}, 0, 500}, {{0}, 0, 0}};
+    for (const auto& c : writes_of) {
+        std::string written;
+        size_t call = 0;
+        host::set_channel_hooks({nullptr, nullptr, [&](int, const void* buf, size_t) {
+                                     const ssize_t n = c.pieces.at(call++);
+                                     written.append(static_cast<const char*>(buf), n);
+                                     return n;
+                                 }, nullptr});
+        EXPECT_EQ(c.result, ducto()->ducto_write(3, packet.data(), kPacketLen));
+        EXPECT_EQ(std::string(packet.begin(), packet.begin() + c.written), written);
+        EXPECT_EQ(c.pieces.size(), call);
+    }
+    EXPECT_EQ(0u, sns_wakelock::get_instance()->get_state().count);
 
+    // Reads: a packet in pieces is joined once its length field (bytes 4-5)
+    // is in; three EAGAINs per packet, in a row or not, give up. -1: EAGAIN.
     EXPECT_EQ(0, ducto()->ducto_read(3, packet.data(), 0));
-    EXPECT_EQ(-EAGAIN, ducto()->ducto_read(3, packet.data(), 64));
-    EXPECT_EQ(3, reads->load());
+    const struct { uint16_t length; std::vector<ssize_t> pieces; int result; std::vector<size_t> asked; } reads_of[] = {
+        {40, {3, 4, 33}, 40, {64, 61, 40}}, {40, {0, 7, 33}, 40, {64, 64, 40}}, {65, {7}, 0, {64}},
+        {40, {-1, 6, -1, 1, 33}, 40, {64, 64, 58, 58, 40}}, {40, {-1, 7, -1, 10, -1}, -EAGAIN, {64, 64, 40, 40, 40}},
+        {64, {40, 24}, 64, {64, 24}}};
+    for (const auto& c : reads_of) {
+        std::string device(c.length, 'p');
+        device[4] = static_cast<char>(c.length);
+        device[5] = 0;
+        size_t at = 0;
+        std::vector<size_t> asked;
+        host::set_channel_hooks({nullptr, [&](int, void* buf, size_t len) -> ssize_t {
+                                     asked.push_back(len);
+                                     const ssize_t n = c.pieces.at(asked.size() - 1);
+                                     errno = EAGAIN;
+                                     memcpy(buf, device.data() + at, std::max<ssize_t>(n, 0));
+                                     at += std::max<ssize_t>(n, 0);
+                                     return n;
+                                 }, nullptr, nullptr});
+        std::vector<uint8_t> buf(64);
+        EXPECT_EQ(c.result, ducto()->ducto_read(3, buf.data(), 64)) << c.pieces.size();
+        EXPECT_EQ(c.asked, asked) << c.pieces.size();
+        const size_t joined = static_cast<size_t>(std::max(c.result, 0));
+        EXPECT_EQ(device.substr(0, joined), std::string(buf.begin(), buf.begin() + joined));
+    }
+
+    // A closed channel takes no write.
+    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
+    ducto()->ducto_disconnect(false);
+    EXPECT_EQ(0, ducto()->ducto_write(3, packet.data(), kPacketLen));
+    EXPECT_EQ(100, writes->load());
+}
+
+// A disable request whose write fails is taken back, the newest of its sensor,
+// and the two failures count as channel errors.
+TEST_F(connection_test, AFailedDisableWriteLeavesTheEarlierRequestsAwaitingTheirAnswers) {
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_EQ(0, register_sensor(kAccel, accel));
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    send(kAccel, 10);
+    send(kGyro, 10);
+    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO), nullptr});
+    EXPECT_THROW(send(kAccel, 10), ducto_error);
+    const std::string waiting = "    00000000000000a1:0000000000001111\n    00000000000000b2:0000000000002222\n";
+    EXPECT_THAT(dump_of(*conn), HasSubstr("  channel errors: 2 in a row (limit 10)\n"
+                                          "  registered sensors: 2 (client request ids 2 in use, 253 free)\n"));
+    EXPECT_THAT(dump_of(*conn), HasSubstr("  pending responses, oldest first: 2\n" + waiting +
+                                          "  disable requests awaiting their response: 2\n" + waiting));
+}
+
+// Refused because the partition header cannot be marked: no descriptor,
+// thread or wake-lock timer host of the half-built connection is left.
+TEST_F(connection_test, AConnectionRefusedForItsPartitionLeavesNothingBehind) {
+    enable_sensor_store();
+    host::set_property("persist.vendor.kiv.wakelock_holdoff_ms", "1000");
+    root.write_file(kSensorStorePartition, "abcd");
+    sns_wakelock* wakelock = sns_wakelock::get_instance();
+    const auto count = [](const char* dir) {
+        return std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator());
+    };
+    const auto fds = count("/proc/self/fd"), threads = count("/proc/self/task");
+    EXPECT_THAT([] { delete tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}); },
+                ThrowsMessage<ducto_error>(HasSubstr("TAV_SENSORSTORE read failure")));
+    // The core stand-in lets go of its end in its own time.
+    EXPECT_TRUE(eventually([&] { return count("/proc/self/fd") == fds && count("/proc/self/task") == threads; }));
+    EXPECT_EQ("abcd", root.read_file(kSensorStorePartition));
+    wakelock->get_n_locks(1);
+    wakelock->put_n_locks(1);  // no host: released at once
+    EXPECT_EQ(std::string("KIVHAL_WAKEUP", 14), root.read_file("/sys/power/wake_unlock"));
 }
 
 TEST_F(connection_test, ErrorStreaksStartOverPastTheLimitAndEndWithACleanPass) {

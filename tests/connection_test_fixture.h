@@ -98,7 +98,7 @@ protected:
         return request.SerializeAsString();
     }
     void send(sensor_uid suid, uint32_t msg_id, int session_id = 0) {
-        conn->send_request(suid, true, request_payload(suid, msg_id), session_id);
+        EXPECT_EQ(0, conn->send_request(suid, true, request_payload(suid, msg_id), session_id));
     }
 
     scoped_root root;  // first: the stand-in binds under it

@@ -3,8 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -87,6 +91,33 @@ TEST(SensorAttributesTest, GettersReadTheirKindAndNameWhatIsWrong) {
     EXPECT_EQ(a.get_stream_type(), 2);
 }
 
+// The real clock: a sleep lasts its length, started over when a signal cuts
+// it short; a timed wait ends at its time-out or at once on its signal.
+TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
+    using namespace std::chrono_literals;
+    kivhal::discovery::discovery_clock& clock = kivhal::discovery::current_clock();
+    struct sigaction ignore = {};
+    ignore.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &ignore, nullptr);
+    const pthread_t self = pthread_self();
+    std::thread poke([&] { std::this_thread::sleep_for(20ms); pthread_kill(self, SIGUSR1); });
+    int64_t start = clock.steady_now_ns();
+    EXPECT_EQ(clock.sleep_ns(60 * kivhal::discovery::kNanosPerMilli), 0);
+    EXPECT_GE(clock.steady_now_ns() - start, 60 * kivhal::discovery::kNanosPerMilli);
+    poke.join();
+
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    start = clock.steady_now_ns();
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 30 * kivhal::discovery::kNanosPerMilli), ETIMEDOUT);
+    EXPECT_GE(clock.steady_now_ns() - start, 30 * kivhal::discovery::kNanosPerMilli);
+    std::thread signaller([&] { pthread_mutex_lock(&mutex); pthread_cond_signal(&cond); pthread_mutex_unlock(&mutex); });
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 5000 * kivhal::discovery::kNanosPerMilli), 0);
+    pthread_mutex_unlock(&mutex);
+    signaller.join();
+}
+
 constexpr uint32_t kLookup = 512, kDisable = 10, kAttribute = 1;
 constexpr const char* kConfig = R"(<configuration type="KIV_oem_datatype"><datatypes>
     <datatype sensor_type="heart_rate" type="heart_rate" data_type_value="0x1"/></datatypes></configuration>)";
@@ -143,15 +174,18 @@ TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
     EXPECT_EQ(lookups_of("registry"), 80u);
     EXPECT_EQ(core.requests().back().msg_id(), kDisable);
     EXPECT_EQ(pauses_ms(), schedule({}, {1000, 250}, 80, {100}));
+    EXPECT_DOUBLE_EQ(kivhal::discovery::steady_now_seconds(), 1000 + 100.1);  // the clock starts at 1000 s
     EXPECT_TRUE(log_contains("(no of repeats:'80')", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_EQ(factory.discoveryList.size(), 2u);
 }
 
-TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
+TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswerEndsItsWait) {
     root.write_file(kListPath, "health\nheart_rate\n");
     core.add_sensor_type("health", {kHealth}, true);
     core.add_sensor_type("heart_rate", {kHeartRate}, true);
+    core.hold_answers = true;  // answers come while discovery waits
+    clock.meanwhile = [&] { core.deliver_held(); };
     factory.startDiscovery(&core);
 
     // Registry lookup and disable, the three names, disable, attributes, releases.
@@ -179,9 +213,10 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrder) {
     EXPECT_TRUE(requests[6].suid == requests[8].suid && requests[7].suid == requests[9].suid);
     EXPECT_NE(requests[6].suid, requests[7].suid);
     EXPECT_TRUE(log_contains("(no of repeats:'0') ", ANDROID_LOG_INFO));
-    // Registry wait and settle, the later boot's 1 s, the final 50 ms.
-    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{1000, 100, 1000, 50}));
+    // The registry's answer ends its wait; settle, the later boot's 1 s, the final 50 ms.
+    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{0, 100, 1000, 50}));
     EXPECT_EQ(factory.attributesMap.size(), 2u);
+    EXPECT_TRUE(factory.get_suids("heart_rate") == kHeartRate && factory.get_suids("none") == (sensor_uid{0, 0}));
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
 }
@@ -205,6 +240,19 @@ TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
     EXPECT_EQ(root.read_file(kListPath), "");
 }
 
+// Without its folder the list cannot be created: the answers still count,
+// so no rediscovery follows, and nothing is written.
+TEST_F(DiscoveryDriverTest, FirstBootWithoutTheListFolderStillCountsItsAnswers) {
+    std::filesystem::remove_all(root.host_path("/mnt/vendor/persist/sensors"));
+    core.add_sensor_type("health", {kHealth}, true);
+    factory.startDiscovery(&core);
+    EXPECT_EQ(num_mandatory_sns, 1u);
+    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{1000, 100, 7000, 50}));
+    EXPECT_FALSE(root.exists(kListPath));
+    EXPECT_EQ(factory.attributesMap.count(kHealth), 1u);
+    EXPECT_TRUE(log_contains("create fail for sensors_list with errno ", ANDROID_LOG_ERROR));
+}
+
 // An unlisted answer grows the list but never counts, so the wait runs out.
 TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
     root.write_file(kListPath, "");
@@ -224,10 +272,13 @@ TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
 
 // A message the connection could not have delivered whole is dropped with an error line.
 TEST_F(DiscoveryCallbacksTest, MessagesWithoutTheirBytesAreDropped) {
-    factory.registry_lookup_callback(nullptr, 5, 0);
-    factory.default_suids_lookup_callback(nullptr, 5, 0);
-    factory.default_attributes_lookup_callback(nullptr, 5, 0);
+    for (const uint32_t length : {5u, 0u}) {  // an empty message needs no bytes
+        factory.registry_lookup_callback(nullptr, length, 0);
+        factory.default_suids_lookup_callback(nullptr, length, 0);
+        factory.default_attributes_lookup_callback(nullptr, length, 0);
+    }
     EXPECT_EQ(kivhal::test::log_lines_containing(" of length 5", ANDROID_LOG_ERROR).size(), 3u);
+    EXPECT_EQ(kivhal::test::log_lines_containing(" of length 0", ANDROID_LOG_ERROR).size(), 0u);
     EXPECT_TRUE(factory.suidMap.empty() && factory.attributesMap.empty());
 }
 

@@ -76,11 +76,11 @@ TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPa
                                                  EndsWith(" (5)"))));
     EXPECT_EQ(0u, header().reset_data_len);
 
-    // Shorter than its header: neither pass reads, maps or writes it.
-    root.write_file(kSensorStorePartition, "abcd");
+    // One byte shorter than its header: neither pass reads, maps or writes it.
+    root.write_file(kSensorStorePartition, "abcdefg");
     EXPECT_THROW(process(100, 0), ducto_error);
     EXPECT_THROW(ducto()->tav_update_sensorstore_header_reset_field(1), ducto_error);
-    EXPECT_EQ("abcd", root.read_file(kSensorStorePartition));
+    EXPECT_EQ("abcdefg", root.read_file(kSensorStorePartition));
 
     unlink(root.host_path(kSensorStorePartition).c_str());
     EXPECT_THAT([&] { ducto()->tav_update_sensorstore_header_reset_field(1); },
@@ -217,6 +217,8 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
               replayed());
     EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
     EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
+    // Replayed under their own id: the handler's only trace of it.
+    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int msg_id 34 ", ANDROID_LOG_VERBOSE).size());
 }
 
 // In a child under a 3 GiB address-space limit, as a 32-bit process has: a
@@ -309,6 +311,7 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
     ASSERT_TRUE(eventually([&] { return sessions().find("session 5: off") != std::string::npos; }));
+    EXPECT_FALSE(handler::acquire_wakelock());
 
     auto service = fake_power_state_service::register_default();
     ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
@@ -323,6 +326,11 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesChangeNothing) {
     auto service = fake_power_state_service::register_default();
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
+    service->registration_accepted = false;  // no handler: the states are kept, the service left alone
+    handle(kOff, 3);
+    handle(kOn, 3);
+    EXPECT_EQ(0, service->acquires + service->releases);
+    service->registration_accepted = true;
     handle(kOff, 9);  // unknown session: not added, nothing else happens
     EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR).size());
     handle(3, 5);  // unknown message id

@@ -3,6 +3,7 @@
 // clock through a hand-fired timer host; the connection cases use the worker.
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <vector>
@@ -43,6 +44,17 @@ std::string dump_text(tav_interface& conn, const scoped_root& root) {
                                      O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600));
     conn.dump(fd.get());
     return root.read_file("/dump");
+}
+
+// CPU time of every thread but the caller's, in milliseconds.
+long others_cpu_ms() {
+    rusage process, self;
+    getrusage(RUSAGE_SELF, &process);
+    getrusage(RUSAGE_THREAD, &self);
+    const auto ms = [](const rusage& r) {
+        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000;
+    };
+    return ms(process) - ms(self);
 }
 
 class WakelockHoldoffTest : public ::testing::Test {
@@ -151,9 +163,15 @@ TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
     // The reader gives its reference back after the callback returns.
     EXPECT_TRUE(eventually([&] { return dump_has("    hold-off: 1000 ms, release pending, due in "); })) << dump;
     EXPECT_EQ(kName, root.read_file(kLockFile));
+    double due_ms = -1;
+    sscanf(dump.c_str() + dump.find("due in "), "due in %lf ms\n", &due_ms);
+    EXPECT_TRUE(due_ms > 500 && due_ms <= 1000) << dump;
+    // The worker sleeps out the window: the other threads stay idle meanwhile.
+    const long cpu_ms = others_cpu_ms();
     EXPECT_TRUE(eventually([&] { return dump_has("    hold-off: 1000 ms, no release pending\n"
                                                  "    kernel writes: 1 lock, 1 unlock\n"); }))
         << dump;
+    EXPECT_LT(others_cpu_ms() - cpu_ms, 200);
     EXPECT_EQ(kName, root.read_file(kUnlockFile));
 
     // Destroyed within the window: released at once, not a second later.
@@ -161,6 +179,20 @@ TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
     ASSERT_TRUE(accel.wait_for(51));
     conn.reset();
     EXPECT_EQ(kName + kName, root.read_file(kUnlockFile));
+}
+
+// The due time in milliseconds, one decimal: 19.949999 ms is 19.9.
+TEST_F(connection_test, TheDumpShowsTheDueTimeInMillisecondsRoundedToOneDecimal) {
+    host::set_property(kHoldoffProperty, "20");
+    virtual_timer_host timer;  // first host: the one armed
+    sns_wakelock* wl = sns_wakelock::get_instance();
+    wl->add_timer_host(&timer);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    wl->get_n_locks(1);
+    wl->put_n_locks(1);
+    timer.now = 50001;
+    EXPECT_THAT(dump_text(*conn, root), HasSubstr("    hold-off: 20 ms, release pending, due in 19.9 ms\n"));
+    wl->remove_timer_host(&timer);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -87,6 +88,16 @@ TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
     wl->put_n_locks(2);
     wl->get_n_locks(1);
     EXPECT_EQ(2u, refusals());
+}
+
+// A kernel file on descriptor 0 is closed with the lock like any other.
+TEST_F(WakelockTest, KernelFilesOnDescriptorZeroAreClosed) {
+    root.write_file("/sys/power/wake_unlock", "");
+    for (const bool lock_file : {false, true}) {  // 0 goes to the unlock file, then to the lock file
+        if (lock_file) root.write_file("/sys/power/wake_lock", "");
+        EXPECT_EXIT({ close(0); delete sns_wakelock::get_instance(); _exit(fcntl(0, F_GETFD) == -1 ? 0 : 1); },
+                    ::testing::ExitedWithCode(0), "") << lock_file;
+    }
 }
 
 TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {

@@ -1,6 +1,7 @@
 #include "fake_tav_interface.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "kiv_sensor_factory.h"
 #include "kiv_types.h"
@@ -42,10 +43,16 @@ int fake_tav_interface::send_request(sensor_uid suid, bool flag, std::string pay
         answer = make_event_msg(suid, {{kAttributeEventMsgId, sns_std_attr_event().SerializeAsString()}});
     }
     if (!answer.empty()) {
-        const tav_event_cb deliver = callback->second;  // the callback may register anew
-        deliver(reinterpret_cast<const uint8_t*>(answer.data()), static_cast<uint32_t>(answer.size()), 0);
+        _held.emplace_back(callback->second, answer);  // the callback may register anew
+        if (!hold_answers) deliver_held();
     }
     return 0;
+}
+
+void fake_tav_interface::deliver_held() {
+    for (const auto& [deliver, answer] : std::exchange(_held, {})) {
+        deliver(reinterpret_cast<const uint8_t*>(answer.data()), static_cast<uint32_t>(answer.size()), 0);
+    }
 }
 
 void fake_tav_interface::add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,

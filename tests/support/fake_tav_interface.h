@@ -1,7 +1,8 @@
 #pragma once
 
 // An in-process stand-in for the connection: it decodes every request the way
-// the sensor core would and answers it at once, on the sender's thread.
+// the sensor core would and answers it at once, on the sender's thread, or
+// holds the answer until asked.
 //
 // Lookups (512) of configured types get a lookup event (768); unknown types get
 // no answer. Attribute requests (1) of sensors set to answer get an empty
@@ -48,12 +49,16 @@ public:
     // `attributes`, so are those sensors' attribute requests.
     void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids, bool attributes = false);
     const std::vector<fake_request>& requests() const { return _requests; }
+    // Set: answers wait for deliver_held() instead of coming at once.
+    bool hold_answers = false;
+    void deliver_held();
 
     static std::string make_lookup_event(const std::string& data_type, const std::vector<sensor_uid>& suids);
     static std::string make_event_msg(sensor_uid suid, const std::vector<std::pair<uint32_t, std::string>>& events);
 
 private:
     std::vector<fake_request> _requests;
+    std::vector<std::pair<tav_event_cb, std::string>> _held;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;
     std::map<std::string, std::vector<sensor_uid>> _sensor_types;
     std::unordered_set<sensor_uid, sensor_uid_hash> _with_attributes;

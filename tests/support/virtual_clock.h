@@ -2,13 +2,18 @@
 
 // Discovery on virtual time: every sleep and timed wait returns at once and
 // moves the clock on by its length, as against a core whose answers are all
-// in by then. Installed for its lifetime.
+// in by then; a timed wait can instead be ended by its signal. Installed for
+// its lifetime.
 
 #include <errno.h>
 #include <pthread.h>
 
+#include <time.h>
+
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "discovery_util.h"
@@ -31,14 +36,32 @@ public:
         return _now;
     }
     int sleep_ns(int64_t ns) override {
+        if (meanwhile) meanwhile();
         pass(ns);
         return 0;
     }
-    // Always runs to its time-out; the caller looks at its flag afterwards.
-    int timed_wait_ns(pthread_cond_t*, pthread_mutex_t*, int64_t ns) override {
-        pass(ns);
-        return ETIMEDOUT;
+    // Without `meanwhile`, runs to its time-out and the caller looks at its
+    // flag afterwards. With it, really waits on `cond` while `meanwhile` runs
+    // on another thread: a wake-up by signal costs no virtual time.
+    int timed_wait_ns(pthread_cond_t* cond, pthread_mutex_t* mutex, int64_t ns) override {
+        if (!meanwhile) {
+            pass(ns);
+            return ETIMEDOUT;
+        }
+        std::thread answers(meanwhile);
+        timespec limit;
+        clock_gettime(CLOCK_REALTIME, &limit);
+        limit.tv_sec += 2;
+        const int result = pthread_cond_timedwait(cond, mutex, &limit);
+        pthread_mutex_unlock(mutex);
+        answers.join();
+        pthread_mutex_lock(mutex);
+        pass(result == 0 ? 0 : ns);
+        return result;
     }
+    // Run during every timed wait and before every sleep: answers that
+    // arrive meanwhile.
+    std::function<void()> meanwhile;
     // Every pause so far, in nanoseconds, in order.
     std::vector<int64_t> pauses() const {
         std::lock_guard<std::mutex> lock(_mutex);
