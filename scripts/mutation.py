@@ -48,8 +48,9 @@ class Fault:
         self.line = line
 
 
-def read_faults(path):
-    faults, fields, start = [], {}, 0
+def read_entries(path, keys, required):
+    """(first line number, fields) of each blank-line separated entry of `path`."""
+    entries, fields, start = [], {}, 0
     with open(path, encoding="utf-8") as f:
         lines = f.read().split("\n")
     for number, text in enumerate(lines + [""], 1):
@@ -57,20 +58,27 @@ def read_faults(path):
             continue
         if not text.strip():
             if fields:
-                missing = [k for k in REQUIRED if k not in fields]
+                missing = [k for k in required if k not in fields]
                 if missing:
                     sys.exit(f"{path}:{start}: entry lacks {', '.join(missing)}")
-                if fields.get("preset", "default") not in PRESETS:
-                    sys.exit(f"{path}:{start}: preset must be one of {', '.join(PRESETS)}")
-                faults.append(Fault(fields, start))
+                entries.append((start, fields))
             fields = {}
             continue
         key, sep, value = text.partition(":")
-        if not sep or key not in KEYS:
-            sys.exit(f"{path}:{number}: expected one of {', '.join(KEYS)} followed by ':'")
+        if not sep or key not in keys:
+            sys.exit(f"{path}:{number}: expected one of {', '.join(keys)} followed by ':'")
         if not fields:
             start = number
         fields[key] = value[1:] if value.startswith(" ") else value
+    return entries
+
+
+def read_faults(path):
+    faults = []
+    for start, fields in read_entries(path, KEYS, REQUIRED):
+        if fields.get("preset", "default") not in PRESETS:
+            sys.exit(f"{path}:{start}: preset must be one of {', '.join(PRESETS)}")
+        faults.append(Fault(fields, start))
     ids = [f.id for f in faults]
     duplicates = sorted({i for i in ids if ids.count(i) > 1})
     if duplicates:
@@ -462,30 +470,13 @@ def sample(generated, count, seed):
 
 
 def read_equivalents(path):
-    entries, fields, start = {}, {}, 0
     if not os.path.exists(path):
-        return entries
-    with open(path, encoding="utf-8") as f:
-        lines = f.read().split("\n")
-    for number, text in enumerate(lines + [""], 1):
-        if text.startswith("#"):
-            continue
-        if not text.strip():
-            if fields:
-                missing = [k for k in EQUIVALENT_KEYS if k not in fields and k != "occurrence"]
-                if missing:
-                    sys.exit(f"{path}:{start}: entry lacks {', '.join(missing)}")
-                key = (fields["file"], fields["line"], int(fields.get("occurrence", "1")), fields["mutation"])
-                entries[key] = fields["reason"]
-            fields = {}
-            continue
-        key, sep, value = text.partition(":")
-        if not sep or key not in EQUIVALENT_KEYS:
-            sys.exit(f"{path}:{number}: expected one of {', '.join(EQUIVALENT_KEYS)} followed by ':'")
-        if not fields:
-            start = number
-        fields[key] = value[1:] if value.startswith(" ") else value
-    return entries
+        return {}
+    required = [k for k in EQUIVALENT_KEYS if k != "occurrence"]
+    return {
+        (f["file"], f["line"], int(f.get("occurrence", "1")), f["mutation"]): f["reason"]
+        for _, f in read_entries(path, EQUIVALENT_KEYS, required)
+    }
 
 
 def apply_fault(fault, root):
