@@ -31,18 +31,30 @@ uint32_t report_payload_len(const sns_ducto_packet& packet) {
 }
 
 // A report must hold its length field and the whole payload it announces.
-bool report_within_read(const sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
+kivhal::connection::capture_reason report_bounds(const sns_ducto_packet& packet, int bytes_read) {
+    using kivhal::connection::capture_reason;
     if (static_cast<size_t>(bytes_read) < SNS_DUCTO_IND_PAYLOAD_OFFSET) {
-        KIV_LOGE_FOR(op, "TAV_DUCTO_int report of %d bytes is too short, dropped", bytes_read);
-        return false;
+        return capture_reason::short_report;
     }
-    const uint32_t payload_len = report_payload_len(packet);
-    if (payload_len > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET) {
-        KIV_LOGE_FOR(op, "TAV_DUCTO_int report payload len %u runs past the %d bytes read, dropped",
-                     payload_len, bytes_read);
-        return false;
+    return report_payload_len(packet) > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET
+                   ? capture_reason::payload_past_read
+                   : capture_reason::none;
+}
+
+bool report_within_read(const sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
+    using kivhal::connection::capture_reason;
+    switch (report_bounds(packet, bytes_read)) {
+        case capture_reason::short_report:
+            KIV_LOGE_FOR(op, "TAV_DUCTO_int report of %d bytes is too short, dropped", bytes_read);
+            return false;
+        case capture_reason::payload_past_read:
+            KIV_LOGE_FOR(op,
+                         "TAV_DUCTO_int report payload len %u runs past the %d bytes read, dropped",
+                         report_payload_len(packet), bytes_read);
+            return false;
+        default:
+            return true;
     }
-    return true;
 }
 
 // Why dispatch will drop the packet, for the capture; the log line is
@@ -56,12 +68,7 @@ kivhal::connection::capture_reason drop_reason(const sns_ducto_packet& packet, i
             return capture_reason::none;
         case SNS_AON_CLIENT_REPORT_IND_V01:
         case SNS_AON_CLIENT_JUMBO_REPORT_IND_V01:
-            if (static_cast<size_t>(bytes_read) < SNS_DUCTO_IND_PAYLOAD_OFFSET) {
-                return capture_reason::short_report;
-            }
-            return report_payload_len(packet) > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET
-                           ? capture_reason::payload_past_read
-                           : capture_reason::none;
+            return report_bounds(packet, bytes_read);
         default:
             return capture_reason::unknown_msg_id;
     }
