@@ -239,7 +239,9 @@ std::string device_path(const std::string& path) {
 std::string existing_channels() {
     std::vector<std::string> names;
     if (DIR* dir = opendir(device_path(kDevDir).c_str())) {
-        while (const dirent* entry = readdir(dir)) {
+        // readdir64: a 32-bit process's readdir fails with EOVERFLOW on a file
+        // system whose directory offsets need 64 bits.
+        while (const dirent64* entry = readdir64(dir)) {
             const std::string name = entry->d_name;
             if (name.rfind(kDevNodeName, 0) == 0 && name.size() > strlen(kDevNodeName)) {
                 names.push_back("\"" + name.substr(strlen(kDevNodeName)) + "\"");
@@ -298,13 +300,13 @@ std::string channel_holder(const std::string& node) {
     DIR* proc = opendir("/proc");
     if (proc == nullptr) return "";
     std::string holder;
-    while (const dirent* entry = readdir(proc)) {
+    while (const dirent64* entry = readdir64(proc)) {
         const std::string pid = entry->d_name;
         if (pid.find_first_not_of("0123456789") != std::string::npos || pid == self) continue;
         const std::string fd_dir = "/proc/" + pid + "/fd";
         DIR* fds = opendir(fd_dir.c_str());
         if (fds == nullptr) continue;  // gone, or not ours to look at
-        while (const dirent* fd = readdir(fds)) {
+        while (const dirent64* fd = readdir64(fds)) {
             char target[PATH_MAX];
             const ssize_t length =
                 readlink((fd_dir + "/" + fd->d_name).c_str(), target, sizeof(target) - 1);
