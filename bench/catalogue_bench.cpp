@@ -105,7 +105,7 @@ std::string generate_config() {
 }
 
 class catalogue_fixture {
-public:
+  public:
     catalogue_fixture() {
         root.write_file(kConfigPath, generate_config());
         path = kivhal::platform::resolve_path(kConfigPath);
@@ -155,7 +155,8 @@ __attribute__((noinline)) size_t load_and_walk(const char* path) {
     const tinyxml2::XMLElement* element = document.FirstChildElement();
     while (element != nullptr) {
         benchmark::DoNotOptimize(element->Name());
-        for (const tinyxml2::XMLAttribute* a = element->FirstAttribute(); a != nullptr; a = a->Next()) {
+        for (const tinyxml2::XMLAttribute* a = element->FirstAttribute(); a != nullptr;
+             a = a->Next()) {
             benchmark::DoNotOptimize(a->Name());
             benchmark::DoNotOptimize(a->Value());
             ++visited;
@@ -269,7 +270,8 @@ void* operator new[](size_t size) {
 void operator delete(void* p) noexcept {
     if (p == nullptr) return;
     if (g_tracking.load(std::memory_order_relaxed)) {
-        g_live_bytes.fetch_sub(static_cast<int64_t>(malloc_usable_size(p)), std::memory_order_relaxed);
+        g_live_bytes.fetch_sub(static_cast<int64_t>(malloc_usable_size(p)),
+                               std::memory_order_relaxed);
     }
     free(p);
 }

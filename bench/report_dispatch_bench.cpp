@@ -84,7 +84,7 @@ std::vector<uint8_t> sample_report() {
 
 // Counts deliveries and wakes the measuring thread when a batch is complete.
 class delivery_counter {
-public:
+  public:
     void arm(uint64_t target) {
         std::lock_guard<std::mutex> lock(_mutex);
         _target = target;
@@ -101,7 +101,7 @@ public:
     }
     uint64_t value() const { return _count.load(); }
 
-private:
+  private:
     std::atomic<uint64_t> _count{0};
     std::atomic<uint64_t> _target{0};
     std::mutex _mutex;
@@ -204,8 +204,8 @@ struct iteration_result {
     // The captured connection's batch, when there is one.
     double captured_seconds;
     uint64_t captured_allocations;
-    uint64_t capture_writes;   // file writes until its burst was in the file
-    uint64_t capture_dropped;  // records the full ring dropped
+    uint64_t capture_writes;          // file writes until its burst was in the file
+    uint64_t capture_dropped;         // records the full ring dropped
     uint64_t captured_kernel_writes;  // its wake-lock writes, not counted above
 };
 
@@ -213,7 +213,7 @@ struct iteration_result {
 // are /dev/null, the core stand-in, a connection with a counting callback,
 // and the bare loops' descriptors.
 class dispatch_rig {
-public:
+  public:
     // Empty on success, else what failed. With `capture_path`, a second
     // connection is captured there.
     std::string set_up(const std::string& capture_path) {
@@ -268,7 +268,7 @@ public:
         return result;
     }
 
-private:
+  private:
     // The captured connection's batch, until its burst is in the file.
     void run_captured(iteration_result* result) {
         const auto before = _probe->get_status();
@@ -376,7 +376,7 @@ bool write_record(int fd, const T& record) {
 
 // A child running one variant, stopped and reaped on destruction.
 class variant_child {
-public:
+  public:
     // Empty on success, else what failed.
     std::string start(const variant& v) {
         android::base::unique_fd command_read, result_write;
@@ -403,7 +403,7 @@ public:
         if (_pid > 0) waitpid(_pid, nullptr, 0);
     }
 
-private:
+  private:
     pid_t _pid = -1;
     android::base::unique_fd _commands, _results;
 };
@@ -453,8 +453,7 @@ void BM_ReportDispatch(benchmark::State& state, const variant* v) {
         state.counters["capture_ratio"] = conn_seconds / captured_seconds;
         state.counters["captured_allocs_per_report"] =
             static_cast<double>(captured_allocations) / reports;
-        state.counters["capture_writes_per_packet"] =
-            static_cast<double>(capture_writes) / captured;
+        state.counters["capture_writes_per_packet"] = static_cast<double>(capture_writes) / captured;
         state.counters["capture_dropped_per_report"] =
             static_cast<double>(capture_dropped) / reports;
     }

@@ -167,8 +167,7 @@ bool kiv_sensor_factory::getSensorAvailabilityStatus(std::string sensorType) {
     return false;
 }
 
-std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getAllDatatypes(
-        std::string sensorType) {
+std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getAllDatatypes(std::string sensorType) {
     std::vector<DataType> types;
     for (const auto& [type, row] : kt::dataTypeMap) {
         if (row.sensorType == sensorType && row.available) types.push_back(type);

@@ -149,7 +149,7 @@ void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const ch
     row.isOem = equals(configurationType, kOemConfigurationType);
     row.available = true;
     const auto key =
-            static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
+        static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
     kt::dataTypeMap.insert_or_assign(key, std::move(row));
 }
 
@@ -204,7 +204,7 @@ void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals, kiv_log_o
     for (const XMLElement* goal = goals.FirstChildElement("goal"); goal != nullptr;
          goal = goal->NextSiblingElement("goal")) {
         const auto key =
-                static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
+            static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
         auto row = kt::dataTypeMap.find(key);
         if (row == kt::dataTypeMap.end()) continue;
         parse_goal(key, *goal, &row->second, op);
@@ -237,7 +237,7 @@ bool read_exercise(const XMLElement& element, int32_t* number, kt::exerTypeInfo*
 // rows' own names; exercises never change the data-type table, so they stay
 // valid while the element's exercises are read.
 class rows_by_type_name {
-public:
+  public:
     struct row_ref {
         std::string_view name;
         kt::DataType key;
@@ -254,7 +254,7 @@ public:
         return range{rows.first, rows.second};
     }
 
-private:
+  private:
     static bool by_name(const row_ref& a, const row_ref& b) { return a.name < b.name; }
 
     // One sorted array: a stable sort keeps the table's order among equal names.
@@ -289,7 +289,7 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
         KIV_LOGD("Parsing Datatypes");
         const XMLElement* datatypes = configuration->FirstChildElement("datatypes");
         const XMLElement* firstDatatype =
-                datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
+            datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
         if (firstDatatype == nullptr && next == nullptr && kt::dataTypeMap.empty()) return false;
         if (firstDatatype != nullptr) {
             parse_datatypes(*this, firstDatatype, configuration->Attribute("type"),

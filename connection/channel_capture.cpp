@@ -62,10 +62,16 @@ constexpr size_t kEpbHeadLen = 28;
 constexpr size_t kEpbTailLen = 8 + 4 + 4;
 constexpr size_t kMaxCommentLen = 64;
 
-uint32_t padded(size_t len) { return static_cast<uint32_t>((len + 3) & ~size_t{3}); }
+uint32_t padded(size_t len) {
+    return static_cast<uint32_t>((len + 3) & ~size_t{3});
+}
 
-void put32(std::string* out, uint32_t value) { out->append(reinterpret_cast<char*>(&value), 4); }
-void put16(std::string* out, uint16_t value) { out->append(reinterpret_cast<char*>(&value), 2); }
+void put32(std::string* out, uint32_t value) {
+    out->append(reinterpret_cast<char*>(&value), 4);
+}
+void put16(std::string* out, uint16_t value) {
+    out->append(reinterpret_cast<char*>(&value), 2);
+}
 
 void put_option(std::string* out, uint16_t code, const void* value, size_t len) {
     put16(out, code);
@@ -100,8 +106,7 @@ std::string section_header() {
 // `real_minus_boot_ns`: the date of boot. if_tsoffset counts whole seconds,
 // so the exact offset goes in the comment for whoever lines up to the
 // millisecond.
-std::string interface_block(uint16_t linktype, const std::string& name,
-                            int64_t real_minus_boot_ns) {
+std::string interface_block(uint16_t linktype, const std::string& name, int64_t real_minus_boot_ns) {
     std::string body;
     put16(&body, linktype);
     put16(&body, 0);
@@ -111,8 +116,7 @@ std::string interface_block(uint16_t linktype, const std::string& name,
     const int64_t offset_s = (real_minus_boot_ns + kNanosPerSecond / 2) / kNanosPerSecond;
     put_option(&body, kOptIfTsoffset, &offset_s, sizeof(offset_s));
     char comment[96];
-    snprintf(comment, sizeof(comment),
-             "timestamps: boot clock; boot was at %lld.%09lld s real time",
+    snprintf(comment, sizeof(comment), "timestamps: boot clock; boot was at %lld.%09lld s real time",
              static_cast<long long>(real_minus_boot_ns / kNanosPerSecond),
              static_cast<long long>(real_minus_boot_ns % kNanosPerSecond));
     put_option(&body, kOptComment, comment, strlen(comment));
@@ -179,9 +183,8 @@ const char* capture_reason_text(capture_reason reason) {
 // and the interfaces, held only for copies, never across a system call but
 // the writer's wake-up).
 class capture_sink {
-public:
-    std::unique_ptr<channel_capture> attach(const std::string& path,
-                                            const std::string& channel_name,
+  public:
+    std::unique_ptr<channel_capture> attach(const std::string& path, const std::string& channel_name,
                                             uint64_t rotate_bytes, size_t buffer_bytes)
         EXCLUDES(_lifecycle_mutex, _file_mutex, _mutex);
     void detach(uint32_t interface_id) EXCLUDES(_lifecycle_mutex, _file_mutex, _mutex);
@@ -195,7 +198,7 @@ public:
 
     void finish() EXCLUDES(_file_mutex, _mutex);
 
-private:
+  private:
     struct interface_state {
         std::string name;
         uint64_t records = 0;
@@ -261,11 +264,15 @@ capture_sink& the_sink() {
     return *sink;
 }
 
-void finish_at_exit() { the_sink().finish(); }
+void finish_at_exit() {
+    the_sink().finish();
+}
 
 }  // namespace
 
-void finish_capture() { the_sink().finish(); }
+void finish_capture() {
+    the_sink().finish();
+}
 
 std::unique_ptr<channel_capture> capture_sink::attach(const std::string& path,
                                                       const std::string& channel_name,
@@ -350,9 +357,10 @@ bool capture_sink::start_file(android::base::unique_fd fd) {
         return false;
     }
     if (st.st_uid != geteuid()) {
-        KIV_LOGE("TAV_DUCTO capture to %s refused: owned by uid %u, not by this process's %u; "
-                 "capture off",
-                 _path.c_str(), static_cast<unsigned>(st.st_uid), static_cast<unsigned>(geteuid()));
+        KIV_LOGE(
+            "TAV_DUCTO capture to %s refused: owned by uid %u, not by this process's %u; "
+            "capture off",
+            _path.c_str(), static_cast<unsigned>(st.st_uid), static_cast<unsigned>(geteuid()));
         return false;
     }
     if (st.st_nlink > 1) {
@@ -387,9 +395,9 @@ bool capture_sink::start_file(android::base::unique_fd fd) {
         return false;
     }
     _file_bytes = 0;
-    std::string header = section_header() +
-                         interface_block(kLinktypeSensorstore, kSensorstoreInterfaceName,
-                                         _real_minus_boot_ns);
+    std::string header =
+        section_header() +
+        interface_block(kLinktypeSensorstore, kSensorstoreInterfaceName, _real_minus_boot_ns);
     {
         // Channel interfaces whose blocks are written already (after a
         // rotation); later ones follow from the ring, in order.
@@ -509,9 +517,13 @@ uint64_t capture_sink::append(uint32_t interface_id, uint32_t flags, const uint8
     // Stamped under the lock: the ring's order is the timestamps' order.
     const int64_t now = android::elapsedRealtimeNano();
     const uint64_t ts = now < 0 ? 0 : static_cast<uint64_t>(now);
-    const uint32_t head[7] = {kPcapngEnhancedPacket,       total, interface_id,
-                              static_cast<uint32_t>(ts >> 32), static_cast<uint32_t>(ts),
-                              static_cast<uint32_t>(len),  static_cast<uint32_t>(len)};
+    const uint32_t head[7] = {kPcapngEnhancedPacket,
+                              total,
+                              interface_id,
+                              static_cast<uint32_t>(ts >> 32),
+                              static_cast<uint32_t>(ts),
+                              static_cast<uint32_t>(len),
+                              static_cast<uint32_t>(len)};
     const uint64_t position = _head;
     uint64_t at = position;
     put(at, head, sizeof(head));
@@ -557,8 +569,8 @@ void capture_sink::commit(uint32_t interface_id, uint64_t position, bool sent) {
 
 channel_capture::status capture_sink::get_status(uint32_t interface_id) const {
     kivhal::lock_guard lock(_mutex);
-    channel_capture::status status = {_status_path, _on.load(), interface_id,        0, 0,
-                                      _file_writes.load(), _head - _tail, 0};
+    channel_capture::status status = {
+        _status_path, _on.load(), interface_id, 0, 0, _file_writes.load(), _head - _tail, 0};
     if (interface_id < _interfaces.size()) {
         status.records = _interfaces[interface_id].records;
         status.dropped = _interfaces[interface_id].dropped;
@@ -715,7 +727,9 @@ std::unique_ptr<channel_capture> channel_capture::open(const std::string& path,
 channel_capture::channel_capture(capture_sink* sink, uint32_t interface_id)
     : _sink(sink), _interface(interface_id) {}
 
-channel_capture::~channel_capture() { _sink->detach(_interface); }
+channel_capture::~channel_capture() {
+    _sink->detach(_interface);
+}
 
 void channel_capture::inbound(const uint8_t* data, size_t len, capture_reason reason) {
     _sink->append(_interface, kEpbFlagsInbound | (static_cast<uint32_t>(reason) << kEpbReasonShift),

@@ -75,7 +75,7 @@ class capture_sink;
 // One connection's interface in the process's capture. Every operation may
 // be called from any thread; none throws.
 class channel_capture {
-public:
+  public:
     // The capture the property asks for, or null (unset, or refused with one
     // error line).
     static std::unique_ptr<channel_capture> from_property(const std::string& channel_name);
@@ -115,15 +115,15 @@ public:
         std::string path;
         bool on;
         uint32_t interface_id;
-        uint64_t records;    // of this interface, taken into the ring
-        uint64_t dropped;    // of this interface, the ring being full
+        uint64_t records;        // of this interface, taken into the ring
+        uint64_t dropped;        // of this interface, the ring being full
         uint64_t file_writes;    // of the sink
         uint64_t pending_bytes;  // recorded, not yet in the file
         uint64_t all_dropped;    // of every interface
     };
     status get_status() const;
 
-private:
+  private:
     friend class capture_sink;
     channel_capture(capture_sink* sink, uint32_t interface_id);
     capture_sink* const _sink;

@@ -10,8 +10,12 @@ constexpr size_t kErrorTextLen = 30;
 
 // strerror_r comes in a GNU flavour (returns the text) and an XSI one
 // (fills the buffer); these pick the text from either.
-[[maybe_unused]] const char* error_text(int result, const char* buf) { return result == 0 ? buf : "Unknown error"; }
-[[maybe_unused]] const char* error_text(const char* result, const char*) { return result; }
+[[maybe_unused]] const char* error_text(int result, const char* buf) {
+    return result == 0 ? buf : "Unknown error";
+}
+[[maybe_unused]] const char* error_text(const char* result, const char*) {
+    return result;
+}
 
 }  // namespace
 

@@ -10,9 +10,9 @@
 // and reused: Clear() keeps what earlier reports made it allocate, so a warm
 // reader decodes a report without touching the heap.
 class report_sensor_id_reader {
-public:
+  public:
     sensor_uid read(const uint8_t* data, uint32_t len);
 
-private:
+  private:
     sns_client_event_msg _msg;
 };

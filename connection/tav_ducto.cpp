@@ -1,6 +1,5 @@
 // Construction, teardown and the channel's low-level I/O.
 #include "tav_ducto.h"
-#include "tav_ducto_internal.h"
 
 #include <cutils/trace.h>
 #include <fcntl.h>
@@ -17,6 +16,7 @@
 #include "kiv_log.h"
 #include "kivhal/platform.h"
 #include "sns_wakelock.h"
+#include "tav_ducto_internal.h"
 
 using kivhal::connection::conn_id;
 using kivhal::connection::query_trace_tags;
@@ -140,8 +140,8 @@ int tav_ducto::ducto_open(std::string dev_node) {
         }
         const int err = errno;
         if (err != ETIMEDOUT) {
-            KIV_LOGE("TAV_DUCTO_int open on dev node = %s failed with errno = %d",
-                     dev_node.c_str(), err);
+            KIV_LOGE("TAV_DUCTO_int open on dev node = %s failed with errno = %d", dev_node.c_str(),
+                     err);
             return -err;
         }
         KIV_LOGE("TAV_DUCTO_int ducto channel open timeout on dev node = %s, retries count =  %d",
@@ -174,9 +174,10 @@ int tav_ducto::ducto_read(int fd, uint8_t* buf, uint32_t len) {
             KIV_LOGE("TAV_DUCTO_int read EAGAIN has occured on fd = %d", fd);
             if (++eagain_count == MAX_DUCTO_READ_RETRIES) {
                 ++g_ducto_err_cnt;
-                KIV_LOGE("TAV_DUCTO_int read MAX_DUCTO_READ_RETRIES = %d has finished & "
-                         "g_ducto_err_cnt = %d",
-                         MAX_DUCTO_READ_RETRIES, g_ducto_err_cnt.load());
+                KIV_LOGE(
+                    "TAV_DUCTO_int read MAX_DUCTO_READ_RETRIES = %d has finished & "
+                    "g_ducto_err_cnt = %d",
+                    MAX_DUCTO_READ_RETRIES, g_ducto_err_cnt.load());
                 if (_capture && total > 0) {
                     _capture->inbound(buf, total, kivhal::connection::capture_reason::short_packet);
                 }
@@ -209,9 +210,10 @@ int tav_ducto::ducto_read(int fd, uint8_t* buf, uint32_t len) {
 }
 
 int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
-    KIV_LOGD("TAV_DUCTO_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for "
-             "_s_ducto_read_mutex",
-             conn_id(this), fd, static_cast<size_t>(len));
+    KIV_LOGD(
+        "TAV_DUCTO_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for "
+        "_s_ducto_read_mutex",
+        conn_id(this), fd, static_cast<size_t>(len));
     kivhal::unique_lock lock(_s_ducto_read_mutex);
     if (_s_chnl_fd == -1) {
         KIV_LOGE("TAV_DUCTO_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1",
@@ -241,18 +243,20 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
             result = -err;
             if (err != EBUSY && err != EAGAIN) {
                 ++g_ducto_err_cnt;
-                KIV_LOGE("TAV_DUCTO_int conn = 0x%llx write has failed with errno = %d & "
-                         "g_ducto_err_cnt = %d",
-                         conn_id(this), err, g_ducto_err_cnt.load());
+                KIV_LOGE(
+                    "TAV_DUCTO_int conn = 0x%llx write has failed with errno = %d & "
+                    "g_ducto_err_cnt = %d",
+                    conn_id(this), err, g_ducto_err_cnt.load());
                 break;
             }
             ++retries;
             KIV_LOGE("TAV_DUCTO conn = 0x%llx write failed with errno = %d", conn_id(this), err);
             if (retries == MAX_DUCTO_WRITE_RETRIES) {
                 ++g_ducto_err_cnt;
-                KIV_LOGE("TAV_DUCTO_int conn = 0x%llx write MAX_DUCTO_WRITE_RETRIES = %d has "
-                         "finished on fd = %d & g_ducto_err_cnt = %d",
-                         conn_id(this), MAX_DUCTO_WRITE_RETRIES, fd, g_ducto_err_cnt.load());
+                KIV_LOGE(
+                    "TAV_DUCTO_int conn = 0x%llx write MAX_DUCTO_WRITE_RETRIES = %d has "
+                    "finished on fd = %d & g_ducto_err_cnt = %d",
+                    conn_id(this), MAX_DUCTO_WRITE_RETRIES, fd, g_ducto_err_cnt.load());
                 break;
             }
             failed = false;
@@ -271,8 +275,8 @@ int tav_ducto::ducto_write(int fd, uint8_t* buf, uint32_t len) {
     lock.unlock();
 
     if (!failed) {
-        KIV_LOGI("TAV_DUCTO_int conn = 0x%llx complete bytes written= %d retries %d",
-                 conn_id(this), total, retries);
+        KIV_LOGI("TAV_DUCTO_int conn = 0x%llx complete bytes written= %d retries %d", conn_id(this),
+                 total, retries);
     }
     if (_wakelock != nullptr) {
         KIV_LOGD("releasing wakelock");

@@ -26,14 +26,14 @@ struct tav_ducto_config {
 
 // Error of the connection: "TAV_DUCTO_ERROR <msg> : <strerror(code)> (<code>)".
 class ducto_error : public std::runtime_error {
-public:
+  public:
     ducto_error(int code, const std::string& msg);
     static std::string error_code_to_string(int code, std::string msg);
 };
 
 // The connection to the sensor core over its packet IPC channel.
 class tav_ducto : public tav_interface {
-public:
+  public:
     explicit tav_ducto(tav_ducto_config config);
     ~tav_ducto() override;
 
@@ -74,8 +74,7 @@ public:
     tav_register_cb* get_register_cb(sensor_uid suid) EXCLUDES(_cb_map_mutex);
     uint8_t get_clientreq_id(sensor_uid suid) EXCLUDES(_cb_map_mutex);
     bool is_suid_already_registered(sensor_uid suid);
-    void update_suid_map_table(sensor_uid suid)
-        EXCLUDES(_suid_map_mutex, _cb_map_mutex, _s_mutex);
+    void update_suid_map_table(sensor_uid suid) EXCLUDES(_suid_map_mutex, _cb_map_mutex, _s_mutex);
 
     // Low-power state and sensor store.
     void tav_handle_low_power_state_msg(sns_aon_client_low_pwr_state_ind_msg_v01* msg);
@@ -85,7 +84,7 @@ public:
     int tav_sensorstore_write(int fd, uint8_t* buf, uint32_t len);
     uint32_t ducto_get_channel_hash(const char* name, uint8_t len);
 
-private:
+  private:
     std::string _channel_name;
     std::atomic<int> _s_chnl_fd;
     int _wakeup_pipe[2];

@@ -41,7 +41,9 @@ struct connection_snapshot {
     kivhal::connection::channel_capture::status capture = {"", false, 0, 0, 0, 0, 0, 0};
 };
 
-const char* yes_no(bool value) { return value ? "yes" : "no"; }
+const char* yes_no(bool value) {
+    return value ? "yes" : "no";
+}
 
 const char* low_power_state_name(uint8_t state) {
     switch (state) {
@@ -100,8 +102,7 @@ std::string format_connection(const void* conn, const connection_snapshot& s) {
                 "  capture: %s, \"%s\", interface %u, %" PRIu64 " records, %" PRIu64
                 " dropped (buffer full), %" PRIu64 " file writes\n",
                 s.capture.on ? "on" : "off after an error", s.capture.path.c_str(),
-                s.capture.interface_id, s.capture.records, s.capture.dropped,
-                s.capture.file_writes);
+                s.capture.interface_id, s.capture.records, s.capture.dropped, s.capture.file_writes);
     }
     return out;
 }

@@ -37,8 +37,8 @@ kivhal::connection::capture_reason report_bounds(const sns_ducto_packet& packet,
         return capture_reason::short_report;
     }
     return report_payload_len(packet) > bytes_read - SNS_DUCTO_IND_PAYLOAD_OFFSET
-                   ? capture_reason::payload_past_read
-                   : capture_reason::none;
+               ? capture_reason::payload_past_read
+               : capture_reason::none;
 }
 
 bool report_within_read(const sns_ducto_packet& packet, int bytes_read, kiv_log_op op) {
@@ -86,11 +86,13 @@ void dispatch(tav_ducto* conn, sns_ducto_packet& packet, int bytes_read, kiv_log
             break;
         case SNS_AON_CLIENT_REPORT_IND_V01:
             KIV_LOGD_FOR(op, "TAV_DUCTO_int received SNS_AON_CLIENT_REPORT_IND_V01");
-            if (report_within_read(packet, bytes_read, op)) conn->ducto_indication_handler(msg_id, packet);
+            if (report_within_read(packet, bytes_read, op))
+                conn->ducto_indication_handler(msg_id, packet);
             break;
         case SNS_AON_CLIENT_JUMBO_REPORT_IND_V01:
             KIV_LOGD_FOR(op, "TAV_DUCTO_int received SNS_AON_CLIENT_JUMBO_REPORT_IND_V01");
-            if (report_within_read(packet, bytes_read, op)) conn->ducto_indication_handler(msg_id, packet);
+            if (report_within_read(packet, bytes_read, op))
+                conn->ducto_indication_handler(msg_id, packet);
             break;
         case SNS_AON_CLIENT_INFO_RESP_V01:
             KIV_LOGD_FOR(op, "TAV_DUCTO_int SNS_AON_CLIENT_INFO_RESP_V01 is received");
@@ -116,8 +118,7 @@ void tav_ducto::ducto_thread_routine(tav_ducto* conn) {
 
     for (;;) {
         const int chnl_fd = conn->_s_chnl_fd;
-        struct pollfd fds[2] = {{conn->_wakeup_pipe[0], POLLIN, 0},
-                                {chnl_fd, POLLIN | POLLHUP, 0}};
+        struct pollfd fds[2] = {{conn->_wakeup_pipe[0], POLLIN, 0}, {chnl_fd, POLLIN | POLLHUP, 0}};
         KIV_LOGD("TAV_DUCTO waiting on poll wakeup_pipe %d ducto_fd %d", fds[kPipeEntry].fd,
                  chnl_fd);
         const int result = kivhal::platform::poll_nodes(fds, 2, kPollForever);
@@ -141,8 +142,8 @@ void tav_ducto::ducto_thread_routine(tav_ducto* conn) {
             KIV_LOGD("TAV_DUCTO_int received POLLIN event");
             const int n = conn->ducto_read(chnl_fd, buf, sizeof(packet));
             if (n <= 0) {
-                KIV_LOGE("TAV_DUCTO_int read has failed with errno = %d, g_ducto_err_cnt = %d",
-                         n, conn->g_ducto_err_cnt.load());
+                KIV_LOGE("TAV_DUCTO_int read has failed with errno = %d, g_ducto_err_cnt = %d", n,
+                         conn->g_ducto_err_cnt.load());
                 if (n < 0) {
                     conn->ducto_error_handler(n);
                     continue;
@@ -202,9 +203,10 @@ void tav_ducto::ducto_response_handler(sns_aon_client_resp_msg_v01* msg) {
 void tav_ducto::ducto_indication_handler(uint32_t msg_id, const sns_ducto_packet& packet) {
     KIV_LOGD("TAV_DUCTO_int conn = 0x%llx received indication", conn_id(this));
     if (_is_closing) {
-        KIV_LOGD("TAV_DUCTO_int conn = 0x%llx indication is coming while connection is being "
-                 "closed",
-                 conn_id(this));
+        KIV_LOGD(
+            "TAV_DUCTO_int conn = 0x%llx indication is coming while connection is being "
+            "closed",
+            conn_id(this));
         return;
     }
     const uint64_t timestamp = static_cast<uint64_t>(android::elapsedRealtimeNano());

@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "kiv_log.h"
-#include "sns_msg_ids.h"
 #include "sns_client.pb.h"
+#include "sns_msg_ids.h"
 #include "tav_ducto.h"
 #include "tav_ducto_internal.h"
 
@@ -147,10 +147,10 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
 
     const uint8_t client_req_id = get_clientreq_id(suid);
     if (client_req_id == kNoClientReqId) {
-        KIV_LOGE("TAV_DUCTO clientid for suid.high %llx suid.low %llx  is not found in lookup "
-                 "table",
-                 static_cast<unsigned long long>(suid.high),
-                 static_cast<unsigned long long>(suid.low));
+        KIV_LOGE(
+            "TAV_DUCTO clientid for suid.high %llx suid.low %llx  is not found in lookup "
+            "table",
+            static_cast<unsigned long long>(suid.high), static_cast<unsigned long long>(suid.low));
         throw ducto_error(0, "ducto_write failed");
     }
     if (_is_reconnecting) {
@@ -174,10 +174,11 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
             KIV_LOGV("TAV_DUCTO _session_id(%d) is already present in _lps_db", session);
         }
     }
-    KIV_LOGD("TAV_DUCTO_int conn = 0x%llx new session_id = %d client_req_id %d low.suid %llx "
-             "msgid = %d ",
-             conn_id(this), session, client_req_id, static_cast<unsigned long long>(suid.low),
-             request.msg_id());
+    KIV_LOGD(
+        "TAV_DUCTO_int conn = 0x%llx new session_id = %d client_req_id %d low.suid %llx "
+        "msgid = %d ",
+        conn_id(this), session, client_req_id, static_cast<unsigned long long>(suid.low),
+        request.msg_id());
 
     packet.msg_id = SNS_AON_CLIENT_REQ_V01;
     packet.reserved = kRequestConstant;
@@ -201,8 +202,8 @@ int tav_ducto::send_request(sensor_uid suid, bool flag, std::string payload, int
     }
 
     const int64_t start = android::elapsedRealtimeNano();
-    const int result = ducto_write(_s_chnl_fd, reinterpret_cast<uint8_t*>(&packet),
-                                   SNS_DUCTO_REQ_PACKET_LEN);
+    const int result =
+        ducto_write(_s_chnl_fd, reinterpret_cast<uint8_t*>(&packet), SNS_DUCTO_REQ_PACKET_LEN);
     const int64_t elapsed = android::elapsedRealtimeNano() - start;
 
     if (result < 0) {

@@ -19,7 +19,7 @@
 // with its own mutex released. (_wakelock, which would drop a reference under
 // the worker's mutex, is never set.)
 class worker : public wakelock_timer_host {
-public:
+  public:
     worker();
     ~worker();
     worker(const worker&) = delete;
@@ -36,7 +36,7 @@ public:
     int64_t now_ns() override;
     void arm(int64_t deadline_ns) override EXCLUDES(_mutex);
 
-private:
+  private:
     void run() EXCLUDES(_mutex);
     // Waits for a task, the stop or the armed deadline.
     void wait_once() REQUIRES(_mutex);

@@ -7,9 +7,9 @@
 
 #include "discovery_util.h"
 #include "kiv_log.h"
-#include "sns_msg_ids.h"
 #include "kiv_sensor_factory.h"
 #include "sns_client.pb.h"
+#include "sns_msg_ids.h"
 #include "sns_std_attr.pb.h"
 
 using kivhal::discovery::increment_or_abort;
@@ -127,8 +127,8 @@ void kiv_sensor_factory::default_attributes_lookup_callback(const uint8_t* data,
     }
 }
 
-void kiv_sensor_factory::handle_attribute_event(
-    sensor_uid suid, const sns_client_event_msg_sns_client_event& event) {
+void kiv_sensor_factory::handle_attribute_event(sensor_uid suid,
+                                                const sns_client_event_msg_sns_client_event& event) {
     sns_std_attr_event attr_event;
     attr_event.ParseFromString(event.payload());
     sensor_attributes attributes;

@@ -21,7 +21,7 @@ timespec to_timespec(int64_t ns) {
 }
 
 class real_clock : public discovery_clock {
-public:
+  public:
     int64_t steady_now_ns() override {
         return std::chrono::duration_cast<std::chrono::nanoseconds>(
                    std::chrono::steady_clock::now().time_since_epoch())
@@ -59,7 +59,9 @@ std::atomic<discovery_clock*> g_clock{&g_real_clock};
 
 }  // namespace
 
-discovery_clock& current_clock() { return *g_clock.load(std::memory_order_acquire); }
+discovery_clock& current_clock() {
+    return *g_clock.load(std::memory_order_acquire);
+}
 
 void set_clock(discovery_clock* clock) {
     g_clock.store(clock != nullptr ? clock : &g_real_clock, std::memory_order_release);

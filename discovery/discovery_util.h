@@ -16,7 +16,7 @@ constexpr int64_t kNanosPerMilli = 1000 * 1000;
 // long paths (the registry's 80 lookups, the fixed waits) can run on virtual
 // time in tests. The real clock is the default.
 class discovery_clock {
-public:
+  public:
     virtual ~discovery_clock() = default;
     virtual int64_t steady_now_ns() = 0;
     // A relative sleep on the monotonic clock, started over when a signal
@@ -31,7 +31,9 @@ discovery_clock& current_clock();
 // Not owned; nullptr puts the real clock back.
 void set_clock(discovery_clock* clock);
 
-inline int64_t steady_now_ns() { return current_clock().steady_now_ns(); }
+inline int64_t steady_now_ns() {
+    return current_clock().steady_now_ns();
+}
 
 inline double ns_to_seconds(int64_t ns) {
     return static_cast<double>(ns) / kNanosPerSecond;
@@ -41,7 +43,9 @@ inline double steady_now_seconds() {
     return ns_to_seconds(steady_now_ns());
 }
 
-inline int sleep_ms(int64_t ms) { return current_clock().sleep_ns(ms * kNanosPerMilli); }
+inline int sleep_ms(int64_t ms) {
+    return current_clock().sleep_ns(ms * kNanosPerMilli);
+}
 
 // Discovery's counters must never wrap: a wrapped count would silently end a
 // wait early, so the process stops instead.

@@ -46,8 +46,9 @@ void append_timing(std::string* out, const factory_snapshot& s) {
         appendf(out, "  discovery: not run\n");
         return;
     }
-    appendf(out, "  boot: %s\n", s.later_boot ? "later (persisted sensor list read)"
-                                              : "first (no persisted sensor list)");
+    appendf(
+        out, "  boot: %s\n",
+        s.later_boot ? "later (persisted sensor list read)" : "first (no persisted sensor list)");
     if (s.end_ns == 0) {
         appendf(out, "  discovery: started, not finished\n");
     } else {
@@ -72,8 +73,9 @@ std::string format_factory(const factory_snapshot& s) {
     } else {
         appendf(&out, "  mandatory sensors: %u found, listed for later boots\n", s.mandatory_found);
     }
-    const size_t found = std::count_if(s.sensor_types.begin(), s.sensor_types.end(),
-                                       [](const sensor_type_row& row) { return !row.suids.empty(); });
+    const size_t found =
+        std::count_if(s.sensor_types.begin(), s.sensor_types.end(),
+                      [](const sensor_type_row& row) { return !row.suids.empty(); });
     appendf(&out, "  sensor types: %zu, %zu found\n", s.sensor_types.size(), found);
     for (const sensor_type_row& row : s.sensor_types) {
         if (row.suids.empty()) appendf(&out, "    %s: not found\n", row.name.c_str());

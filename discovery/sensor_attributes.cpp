@@ -22,8 +22,8 @@ bool is_float_range(const attr_element& element) {
         return false;
     }
     const sns_std_attr_value& bounds = element.nestedvalue();
-    return bounds.elementlist_size() >= kRangeBoundCount && bounds.elementlist(0).has_floatvalue() &&
-           bounds.elementlist(1).has_floatvalue();
+    return bounds.elementlist_size() >= kRangeBoundCount &&
+           bounds.elementlist(0).has_floatvalue() && bounds.elementlist(1).has_floatvalue();
 }
 
 }  // namespace

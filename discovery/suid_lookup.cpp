@@ -4,9 +4,9 @@
 
 #include "discovery_util.h"
 #include "kiv_log.h"
-#include "sns_msg_ids.h"
 #include "kiv_sensor_factory.h"
 #include "sns_client.pb.h"
+#include "sns_msg_ids.h"
 #include "sns_suid.pb.h"
 
 using kivhal::discovery::increment_or_abort;

@@ -43,12 +43,12 @@ struct delivery {
 };
 
 class delivery_log {
-public:
+  public:
     tav_event_cb callback(size_t sensor) {
         return [this, sensor](const uint8_t* data, uint32_t length, uint64_t timestamp) {
             std::lock_guard<std::mutex> lock(_mutex);
-            _deliveries.push_back({sensor, std::string(reinterpret_cast<const char*>(data), length),
-                                   timestamp});
+            _deliveries.push_back(
+                {sensor, std::string(reinterpret_cast<const char*>(data), length), timestamp});
             _changed.notify_all();
         };
     }
@@ -74,7 +74,7 @@ public:
         return arrived;
     }
 
-private:
+  private:
     std::mutex _mutex;
     std::condition_variable _changed;
     std::vector<delivery> _deliveries;
@@ -99,7 +99,9 @@ std::string packet_head(uint16_t msg_id, size_t length) {
 
 // Fills the reader's whole buffer, so every input starts from the same bytes
 // whatever the previous one left behind.
-std::string reset_packet() { return packet_head(kInfoResponse, SNS_DUCTO_PACKET_LEN); }
+std::string reset_packet() {
+    return packet_head(kInfoResponse, SNS_DUCTO_PACKET_LEN);
+}
 
 std::string le64(uint64_t value) {
     std::string out(8, '\0');
@@ -114,8 +116,8 @@ std::string sentinel_report(uint64_t nonce, std::string* payload) {
     const std::string event = "\x1a\x08" + le64(nonce);
     *payload = "\x0a" + std::string(1, static_cast<char>(suid.size())) + suid + "\x12" +
                std::string(1, static_cast<char>(event.size())) + event;
-    std::string packet = packet_head(SNS_AON_CLIENT_REPORT_IND_V01,
-                                     SNS_DUCTO_IND_PAYLOAD_OFFSET + payload->size());
+    std::string packet =
+        packet_head(SNS_AON_CLIENT_REPORT_IND_V01, SNS_DUCTO_IND_PAYLOAD_OFFSET + payload->size());
     put_le(&packet, SNS_DUCTO_IND_PAYLOAD_LEN_OFFSET, payload->size(), 4);
     packet.replace(SNS_DUCTO_IND_PAYLOAD_OFFSET, payload->size(), *payload);
     return packet;
@@ -193,7 +195,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     tav_ducto& conn = kivhal::fuzz::channel_pair::instance().connection();
     for (size_t i = 0; i <= kSentinelIndex; ++i) {
         const sensor_uid suid = i < kSentinelIndex ? kSensors[i] : kSentinel;
-        conn.register_cb(suid, deliveries().unexpected_response(), nullptr, deliveries().callback(i));
+        conn.register_cb(suid, deliveries().unexpected_response(), nullptr,
+                         deliveries().callback(i));
     }
     if (access(capture.c_str(), F_OK) != 0) {
         fprintf(stderr, "capture %s was not started\n", capture.c_str());

@@ -52,7 +52,7 @@ bool parser_would_stop(const std::string& path) {
          configuration = configuration->NextSiblingElement("configuration")) {
         const tinyxml2::XMLElement* datatypes = configuration->FirstChildElement("datatypes");
         const tinyxml2::XMLElement* first =
-                datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
+            datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
         const bool last = configuration->NextSiblingElement("configuration") == nullptr;
         if (first == nullptr && last && !any_datatype) return false;  // the parse gives up
         if (datatypes_stop(first)) return true;

@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < kMessageLen) return -1;
     sns_aon_client_low_pwr_state_ind_msg_v01 message;
     memcpy(&message, data, kMessageLen);
-    kivhal::fuzz::write_device_file(SNS_SENSORSTORE_PARTITION, data + kMessageLen, size - kMessageLen);
+    kivhal::fuzz::write_device_file(SNS_SENSORSTORE_PARTITION, data + kMessageLen,
+                                    size - kMessageLen);
 
     tav_ducto& conn = kivhal::fuzz::channel_pair::instance().connection();
     try {

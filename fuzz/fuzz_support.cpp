@@ -61,7 +61,9 @@ const std::string& device_root() {
     return *root;
 }
 
-std::string host_path(const std::string& device_path) { return device_root() + device_path; }
+std::string host_path(const std::string& device_path) {
+    return device_root() + device_path;
+}
 
 void write_device_file(const std::string& device_path, const uint8_t* data, size_t size) {
     std::ofstream out(host_path(device_path), std::ios::binary | std::ios::trunc);
@@ -69,7 +71,9 @@ void write_device_file(const std::string& device_path, const uint8_t* data, size
     if (!out) throw std::runtime_error("cannot write " + device_path);
 }
 
-void end_input() { host::clear_captured_log(); }
+void end_input() {
+    host::clear_captured_log();
+}
 
 void set_log_level_from_environment() {
     int level = kMaxLogLevel;

@@ -39,7 +39,7 @@ void set_log_level_from_environment();
 // is the sensor core's end. Created once and kept for the process's life: a
 // target that deleted it would only test teardown.
 class channel_pair {
-public:
+  public:
     static channel_pair& instance();
     tav_ducto& connection() { return *_conn; }
     int peer_fd() const { return _peer_fd; }
@@ -50,7 +50,7 @@ public:
     void begin_stream() { _streaming.store(true); }
     void end_stream() { _streaming.store(false); }
 
-private:
+  private:
     channel_pair();
     ssize_t read_channel(int fd, void* buf, size_t len);
 
@@ -61,7 +61,7 @@ private:
 
 // Reads little-endian values from a fuzz input; past the end it yields zeros.
 class input_reader {
-public:
+  public:
     input_reader(const uint8_t* data, size_t size) : _data(data), _size(size) {}
     size_t remaining() const { return _size - _offset; }
     uint8_t u8();
@@ -71,7 +71,7 @@ public:
     std::string bytes(size_t count);
     std::string rest() { return bytes(remaining()); }
 
-private:
+  private:
     const uint8_t* _data;
     size_t _size;
     size_t _offset = 0;

@@ -15,7 +15,7 @@ constexpr size_t kMaxVarintBytes = 10;
 constexpr size_t kMaxTagBytes = 5;
 
 class wire_reader {
-public:
+  public:
     explicit wire_reader(const std::string& bytes)
         : _p(reinterpret_cast<const uint8_t*>(bytes.data())), _end(_p + bytes.size()) {}
     bool done() const { return _p == _end; }
@@ -62,15 +62,20 @@ public:
     // and `number` the scalar.
     bool value(uint32_t type, uint64_t* number, std::string* bytes) {
         switch (type) {
-            case kVarint: return varint(number, kMaxVarintBytes);
-            case kFixed64: return fixed(8, number);
-            case kFixed32: return fixed(4, number);
-            case kLengthDelimited: return length_delimited(bytes);
-            default: return false;  // groups and the unused types 6, 7
+            case kVarint:
+                return varint(number, kMaxVarintBytes);
+            case kFixed64:
+                return fixed(8, number);
+            case kFixed32:
+                return fixed(4, number);
+            case kLengthDelimited:
+                return length_delimited(bytes);
+            default:
+                return false;  // groups and the unused types 6, 7
         }
     }
 
-private:
+  private:
     const uint8_t* _p;
     const uint8_t* _end;
 };
@@ -91,26 +96,25 @@ bool for_each_field(const std::string& message, OnField on_field) {
 
 // sns_std_suid: 1 uidLow fixed64, 2 uidHigh fixed64. Merged into `suid`.
 bool parse_suid(const std::string& message, sensor_uid* suid) {
-    return for_each_field(message, [&](uint32_t field, uint32_t type, uint64_t number,
-                                       const std::string&) {
-        if (type == kFixed64 && field == 1) suid->low = number;
-        if (type == kFixed64 && field == 2) suid->high = number;
-        return true;
-    });
+    return for_each_field(message,
+                          [&](uint32_t field, uint32_t type, uint64_t number, const std::string&) {
+                              if (type == kFixed64 && field == 1) suid->low = number;
+                              if (type == kFixed64 && field == 2) suid->high = number;
+                              return true;
+                          });
 }
 
 // sns_client_event: 1 msg_id fixed32, 2 timestamp fixed64, 3 payload bytes.
 // Only well-formedness matters here.
 bool parse_event(const std::string& message) {
-    return for_each_field(message, [](uint32_t, uint32_t, uint64_t, const std::string&) {
-        return true;
-    });
+    return for_each_field(message,
+                          [](uint32_t, uint32_t, uint64_t, const std::string&) { return true; });
 }
 
 // --- the channel ---------------------------------------------------------------
 
-constexpr size_t kBufferLen = 10019;   // the reader's packet buffer
-constexpr size_t kLengthKnownAt = 7;   // bytes before the length field is trusted
+constexpr size_t kBufferLen = 10019;  // the reader's packet buffer
+constexpr size_t kLengthKnownAt = 7;  // bytes before the length field is trusted
 constexpr size_t kLengthOffset = 4;
 constexpr uint16_t kReport = 0x21;
 constexpr uint16_t kJumboReport = 0x22;
@@ -143,13 +147,13 @@ decoded_sensor_id decode_event_sensor_id(const std::string& encoded) {
     decoded_sensor_id result;
     sensor_uid suid{0, 0};
     // sns_client_event_msg: 1 suid (message, merged), 2 eventList (messages).
-    result.well_formed = for_each_field(encoded, [&](uint32_t field, uint32_t type, uint64_t,
-                                                     const std::string& bytes) {
-        if (type != kLengthDelimited) return true;
-        if (field == 1) return parse_suid(bytes, &suid);
-        if (field == 2) return parse_event(bytes);
-        return true;
-    });
+    result.well_formed = for_each_field(
+        encoded, [&](uint32_t field, uint32_t type, uint64_t, const std::string& bytes) {
+            if (type != kLengthDelimited) return true;
+            if (field == 1) return parse_suid(bytes, &suid);
+            if (field == 2) return parse_event(bytes);
+            return true;
+        });
     if (result.well_formed) result.suid = suid;
     return result;
 }

@@ -7,7 +7,7 @@
 // Process-wide logging settings. The HAL service sets them once, early; the
 // library only reads them, from every thread.
 class kiv_log {
-public:
+  public:
     enum log_level : int {
         SILENT = 0,
         ERROR = 1,

@@ -26,7 +26,7 @@ extern kivhal::mutex discoveryMutex;
 // Learns which sensors the sensor core offers and answers the HAL service's
 // capability questions from that and from the OEM configuration.
 class kiv_sensor_factory {
-public:
+  public:
     using DataType = vendor::zep::hardware::kiv_types::DataType;
     using ExerciseType = vendor::zep::hardware::kiv_types::ExerciseType;
     using DataTypeGoal = vendor::zep::hardware::kiv_types::DataTypeGoal;
@@ -51,8 +51,7 @@ public:
         EXCLUDES(registryMutex);
     void default_suids_lookup_callback(const uint8_t* data, uint32_t length, uint64_t timestamp);
     void handle_suids_lookup_callback(const std::string& datatype,
-                                      const std::vector<sensor_uid>& suids)
-        EXCLUDES(discoveryMutex);
+                                      const std::vector<sensor_uid>& suids) EXCLUDES(discoveryMutex);
     sensor_uid get_suids(const std::string& datatype) const EXCLUDES(discoveryMutex);
 
     // Attributes.
@@ -60,12 +59,10 @@ public:
     sns_client_request_msg create_attr_request(sensor_uid suid, bool disable);
     void default_attributes_lookup_callback(const uint8_t* data, uint32_t length,
                                             uint64_t timestamp);
-    void handle_attribute_event(sensor_uid suid,
-                                const sns_client_event_msg_sns_client_event& event)
+    void handle_attribute_event(sensor_uid suid, const sns_client_event_msg_sns_client_event& event)
         EXCLUDES(attributesMapMutex, attrMutex);
     // The stored attributes of one sensor; false when none arrived (yet).
-    bool find_attributes(sensor_uid suid, sensor_attributes* out) const
-        EXCLUDES(attributesMapMutex);
+    bool find_attributes(sensor_uid suid, sensor_attributes* out) const EXCLUDES(attributesMapMutex);
 
     // Mandatory sensor list persisted across boots.
     void init_mandatory_list_db() EXCLUDES(discoveryMutex);
@@ -131,7 +128,7 @@ public:
     std::ofstream listWriter GUARDED_BY(discoveryMutex);
     std::ifstream listReader GUARDED_BY(discoveryMutex);
 
-private:
+  private:
     // When the last startDiscovery began and ended (steady clock, ns; 0 while
     // it has not), for dump().
     int64_t discoveryStartNs = 0;

@@ -33,25 +33,25 @@ namespace kivhal {
 
 // A std::mutex the analysis can track.
 class CAPABILITY("mutex") mutex {
-public:
+  public:
     void lock() ACQUIRE() { _mutex.lock(); }
     void unlock() RELEASE() { _mutex.unlock(); }
     // For condition variables, through unique_lock::native().
     std::mutex& native() { return _mutex; }
 
-private:
+  private:
     std::mutex _mutex;
 };
 
 // Holds a mutex for one scope.
 class SCOPED_CAPABILITY lock_guard {
-public:
+  public:
     explicit lock_guard(mutex& m) ACQUIRE(m) : _mutex(m) { _mutex.lock(); }
     ~lock_guard() RELEASE() { _mutex.unlock(); }
     lock_guard(const lock_guard&) = delete;
     lock_guard& operator=(const lock_guard&) = delete;
 
-private:
+  private:
     mutex& _mutex;
 };
 
@@ -59,7 +59,7 @@ private:
 // underlying std::unique_lock to a condition variable (whose wait returns with
 // the lock held again, as the analysis assumes).
 class SCOPED_CAPABILITY unique_lock {
-public:
+  public:
     explicit unique_lock(mutex& m) ACQUIRE(m) : _lock(m.native()) {}
     ~unique_lock() RELEASE() {}
     void lock() ACQUIRE() { _lock.lock(); }
@@ -68,7 +68,7 @@ public:
     unique_lock(const unique_lock&) = delete;
     unique_lock& operator=(const unique_lock&) = delete;
 
-private:
+  private:
     std::unique_lock<std::mutex> _lock;
 };
 
@@ -84,13 +84,13 @@ inline void pthread_unlock(pthread_mutex* m) RELEASE(*m) NO_THREAD_SAFETY_ANALYS
 
 // Holds a raw POSIX mutex for one scope.
 class SCOPED_CAPABILITY pthread_lock_guard {
-public:
+  public:
     explicit pthread_lock_guard(pthread_mutex* m) ACQUIRE(*m) : _mutex(m) { pthread_lock(_mutex); }
     ~pthread_lock_guard() RELEASE() { pthread_unlock(_mutex); }
     pthread_lock_guard(const pthread_lock_guard&) = delete;
     pthread_lock_guard& operator=(const pthread_lock_guard&) = delete;
 
-private:
+  private:
     pthread_mutex* _mutex;
 };
 

@@ -13,7 +13,7 @@
 // Every getter throws std::out_of_range ("unordered_map::at: key not found")
 // for an absent id and std::runtime_error when the value has the wrong shape.
 class sensor_attributes {
-public:
+  public:
     static constexpr int32_t STREAM_TYPE_ATTRIBUTE_ID = 16;
 
     sensor_attributes();
@@ -27,9 +27,11 @@ public:
     std::vector<std::pair<float, float>> get_ranges(int32_t attribute_id) const;
     int64_t get_stream_type() const;
 
-    const std::unordered_map<int32_t, sns_std_attr_value>& attributes() const { return _attributes; }
+    const std::unordered_map<int32_t, sns_std_attr_value>& attributes() const {
+        return _attributes;
+    }
 
-private:
+  private:
     const sns_std_attr_value& value_of(int32_t attribute_id) const;
 
     std::unordered_map<int32_t, sns_std_attr_value> _attributes;

@@ -16,13 +16,13 @@ extern const char* KIV_WACKLOCK_NAME;
 // calling back: at or after the deadline it calls on_holdoff_timer(this) from
 // its own thread, holding nothing.
 class wakelock_timer_host {
-public:
+  public:
     // Monotonic nanoseconds.
     virtual int64_t now_ns() = 0;
     // Replaces any earlier deadline.
     virtual void arm(int64_t deadline_ns) = 0;
 
-protected:
+  protected:
     ~wakelock_timer_host() = default;
 };
 
@@ -31,7 +31,7 @@ protected:
 // once, at construction) the drop waits that long on a timer host, and a
 // reference taken meanwhile keeps the lock without any kernel write.
 class sns_wakelock {
-public:
+  public:
     // Not locked: first use is the connection's constructor.
     static sns_wakelock* get_instance();
 
@@ -69,7 +69,7 @@ public:
     sns_wakelock(const sns_wakelock&) = delete;
     sns_wakelock& operator=(const sns_wakelock&) = delete;
 
-private:
+  private:
     sns_wakelock();
     void acquire() REQUIRES(_mutex);
     void release() REQUIRES(_mutex);

@@ -53,7 +53,7 @@ struct tav_register_cb {
 
 // The connection to the sensor core as its clients see it.
 class tav_interface {
-public:
+  public:
     // Returns null for any type but TAV_DUCTO_CONNECTION. Construction errors
     // are thrown; the caller owns the result and deletes it through this base.
     static tav_interface* create(tav_connection_type type, tav_conn_config config);

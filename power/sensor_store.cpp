@@ -71,9 +71,10 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
     const uint64_t wanted = static_cast<uint64_t>(emmc_byte_count) + SNS_SENSORSTORE_HDR_LEN;
     uint64_t mapped = std::min<uint64_t>(wanted, SIZE_MAX);
     if (partition_size >= 0 && static_cast<uint64_t>(partition_size) < wanted) {
-        KIV_LOGE("TAV_SENSORSTORE partition size(%lld) is smaller than "
-                 "write_info_byte_count(%" PRIu64 ")",
-                 static_cast<long long>(partition_size), wanted);
+        KIV_LOGE(
+            "TAV_SENSORSTORE partition size(%lld) is smaller than "
+            "write_info_byte_count(%" PRIu64 ")",
+            static_cast<long long>(partition_size), wanted);
         mapped = static_cast<uint64_t>(partition_size);
     }
     sensorstore_mapping mapping(fd.get(), static_cast<size_t>(mapped));
@@ -102,8 +103,8 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
                  SNS_SENSORSTORE_HDR_LEN);
     }
 
-    const uint32_t channel_hash = ducto_get_channel_hash(
-        _channel_name.c_str(), static_cast<uint8_t>(_channel_name.size()));
+    const uint32_t channel_hash =
+        ducto_get_channel_hash(_channel_name.c_str(), static_cast<uint8_t>(_channel_name.size()));
     KIV_LOGD("TAV_SENSORSTORE channel_hash = %d", channel_hash);
 
     uint32_t trvsd = SNS_SENSORSTORE_HDR_LEN;
@@ -112,18 +113,23 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
         const sensorstore_record_status status =
             read_sensorstore_record(mapping.data(), readable, trvsd, &record);
         if (status == sensorstore_record_status::head_out_of_bounds) {
-            KIV_LOGE("TAV_SENSORSTORE record at emmc_trvsd_len(%d) lies past the %zu readable bytes",
-                     trvsd, readable);
+            KIV_LOGE(
+                "TAV_SENSORSTORE record at emmc_trvsd_len(%d) lies past the %zu readable bytes",
+                trvsd, readable);
             break;
         }
         if (status == sensorstore_record_status::packet_too_short) {
-            KIV_LOGE("TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) is shorter than a packet head",
-                     record.pkt_len, trvsd);
+            KIV_LOGE(
+                "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) is shorter than a packet "
+                "head",
+                record.pkt_len, trvsd);
             break;
         }
         if (status == sensorstore_record_status::packet_out_of_bounds) {
-            KIV_LOGE("TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) runs past the %zu readable bytes",
-                     record.pkt_len, trvsd, readable);
+            KIV_LOGE(
+                "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) runs past the %zu readable "
+                "bytes",
+                record.pkt_len, trvsd, readable);
             break;
         }
 
@@ -146,8 +152,7 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
                      record.channel_hash, record.pkt_len);
         }
 
-        if (__builtin_add_overflow(trvsd, SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len,
-                                   &trvsd)) {
+        if (__builtin_add_overflow(trvsd, SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len, &trvsd)) {
             abort();
         }
     } while (trvsd < data_len);
@@ -155,8 +160,9 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
     if (trvsd == data_len) {
         KIV_LOGD("TAV_SENSORSTORE eMMC data parsing successfull, emmc_trvsd_len(%d)", trvsd);
     } else {
-        KIV_LOGE("TAV_SENSORSTORE eMMC data parsing FAILED, emmc_byte_count(%d), emmc_trvsd_len(%d)",
-                 data_len, trvsd);
+        KIV_LOGE(
+            "TAV_SENSORSTORE eMMC data parsing FAILED, emmc_byte_count(%d), emmc_trvsd_len(%d)",
+            data_len, trvsd);
     }
 
     if (mapping.unmap() != 0) {
@@ -247,8 +253,10 @@ int tav_ducto::tav_sensorstore_write(int fd, uint8_t* buf, uint32_t len) {
             ++retries;
             KIV_LOGE("TAV_SENSORSTORE write failed with errno = %d", error);
             if (retries >= MAX_SENSORSTORE_WRITE_RETRIES) {
-                KIV_LOGE("TAV_SENSORSTORE write MAX_SENSORSTORE_WRITE_RETRIES = %d has finished on fd = %d ",
-                         MAX_SENSORSTORE_WRITE_RETRIES, fd);
+                KIV_LOGE(
+                    "TAV_SENSORSTORE write MAX_SENSORSTORE_WRITE_RETRIES = %d has finished on fd = "
+                    "%d ",
+                    MAX_SENSORSTORE_WRITE_RETRIES, fd);
                 return -error;
             }
             usleep(SNS_SENSORSTORE_WRITE_RETRY_US);

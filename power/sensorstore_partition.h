@@ -39,7 +39,7 @@ off_t sensorstore_partition_size(int fd);
 // Owns a descriptor of the partition. close() reports the result so the
 // caller can log it; the destructor closes silently on early exits.
 class sensorstore_fd {
-public:
+  public:
     explicit sensorstore_fd(int fd) : _fd(fd) {}
     ~sensorstore_fd();
     sensorstore_fd(const sensorstore_fd&) = delete;
@@ -49,13 +49,13 @@ public:
     // 0 or -1 with errno, as close(2).
     int close();
 
-private:
+  private:
     int _fd;
 };
 
 // A shared read-write mapping of the partition's first bytes.
 class sensorstore_mapping {
-public:
+  public:
     sensorstore_mapping(int fd, size_t size);
     ~sensorstore_mapping();
     sensorstore_mapping(const sensorstore_mapping&) = delete;
@@ -67,7 +67,7 @@ public:
     // 0 or -1 with errno, as munmap(2).
     int unmap();
 
-private:
+  private:
     uint8_t* _base;
     size_t _size;
 };

@@ -13,8 +13,7 @@ constexpr char kPowerStateServiceInstance[] = "default";
 }  // namespace
 
 sns_low_power_state_handler* sns_low_power_state_handler::_s_lps_handle = nullptr;
-sp<sns_low_power_state_handler::IPowerStateService>
-    sns_low_power_state_handler::_s_power_state_service;
+sp<sns_low_power_state_handler::IPowerStateService> sns_low_power_state_handler::_s_power_state_service;
 bool sns_low_power_state_handler::_s_is_wakeock_acquired = false;
 kivhal::mutex sns_low_power_state_handler::_s_handler_mutex;
 

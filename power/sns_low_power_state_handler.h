@@ -13,14 +13,15 @@
 // sensor core needs the application processor. Everything is static; the
 // instance only marks that registration succeeded.
 class sns_low_power_state_handler {
-public:
-    using IPowerStateCallback = ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateCallback;
+  public:
+    using IPowerStateCallback =
+        ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateCallback;
     using IPowerStateService = ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateService;
 
     // The service only needs the registration; deep-sleep and hibernate
     // events change nothing here.
     class power_state_callback_impl : public IPowerStateCallback {
-    public:
+      public:
         power_state_callback_impl();
         ~power_state_callback_impl() override;
 
@@ -29,14 +30,13 @@ public:
 
         bool isRemote() const override { return false; }
 
-    private:
+      private:
         ::android::hardware::Return<void> on_power_event(int32_t state);
     };
 
     // Null while the service cannot be reached or refuses the registration;
     // the next call tries again.
-    static sns_low_power_state_handler* get_sns_low_power_state_handler()
-        EXCLUDES(_s_handler_mutex);
+    static sns_low_power_state_handler* get_sns_low_power_state_handler() EXCLUDES(_s_handler_mutex);
     // Returns whether the wake lock is held afterwards.
     static bool acquire_wakelock() EXCLUDES(_s_handler_mutex);
     static void release_wakelock() EXCLUDES(_s_handler_mutex);
@@ -44,7 +44,7 @@ public:
     sns_low_power_state_handler(const sns_low_power_state_handler&) = delete;
     sns_low_power_state_handler& operator=(const sns_low_power_state_handler&) = delete;
 
-private:
+  private:
     sns_low_power_state_handler() = default;
     ~sns_low_power_state_handler() = default;
 

@@ -29,8 +29,12 @@ constexpr int32_t kInt32Max = std::numeric_limits<int32_t>::max();
 constexpr uint32_t kGe = kt::GOAL_GREATER_THAN_OR_EQUAL;
 constexpr uint32_t kLe = kt::GOAL_LESS_THAN_OR_EQUAL;
 
-kt::DataType dt(int32_t value) { return static_cast<kt::DataType>(value); }
-kt::ExerciseType ex(int32_t value) { return static_cast<kt::ExerciseType>(value); }
+kt::DataType dt(int32_t value) {
+    return static_cast<kt::DataType>(value);
+}
+kt::ExerciseType ex(int32_t value) {
+    return static_cast<kt::ExerciseType>(value);
+}
 
 kt::DataTypeGoal goal(int32_t type, uint32_t comparison, int32_t value, float float_value = 0) {
     kt::DataTypeGoal g{};
@@ -46,7 +50,7 @@ std::string bytes_of(const kt::DataTypeGoal& g) {
 }
 
 class CatalogueTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         kt::dataTypeMap.clear();
         kt::exerTypeMap.clear();
@@ -57,7 +61,9 @@ protected:
         return factory.parseOEMConfig(kivhal::platform::resolve_path(kConfigPath).c_str());
     }
     static const kt::dataTypeInfo& row(int32_t value) { return kt::dataTypeMap.at(dt(value)); }
-    static const kt::exerTypeInfo& exercise(int32_t number) { return kt::exerTypeMap.at(ex(number)); }
+    static const kt::exerTypeInfo& exercise(int32_t number) {
+        return kt::exerTypeMap.at(ex(number));
+    }
 
     kivhal::test::scoped_root root;
     kiv_sensor_factory factory;
@@ -65,12 +71,14 @@ protected:
 
 TEST(CatalogueOutputFormatTest, FollowsRangesAndHoles) {
     const std::pair<int32_t, int> expected[] = {
-        {-5, 0}, {0, 0}, {1, 1}, {2, 2}, {3, 2}, {4, 0}, {6, 2}, {7, 2}, {17, 1}, {18, 0}, {0x0FFF, 0},
-        {0x1000, 1}, {0x1001, 2}, {0x1002, 2}, {0x1003, 0}, {0x1005, 2}, {0x1007, 2}, {0x1008, 1},
-        {0x100C, 1}, {0x100D, 0}, {0x1013, 1}, {0x1014, 0}, {0x5000, 2}, {0x5001, 3}, {0x5003, 2},
-        {0x5004, 0}, {0x500C, 2}, {0x5010, 1}, {0x5015, 11}, {0x5018, 10}, {0x5019, 11}, {0x501A, 0},
-        {0xA000, 4}, {0xA002, 4}, {0xA003, 5}, {0xA004, 7}, {0xA005, 6}, {0xA007, 8}, {0xA008, 0},
-        {0x10000, 9}, {0x20000, 9}, {0x30000, 9}, {0x30001, 0}, {INT32_MIN, 0}, {kInt32Max, 0}};
+        {-5, 0},      {0, 0},         {1, 1},        {2, 2},       {3, 2},       {4, 0},
+        {6, 2},       {7, 2},         {17, 1},       {18, 0},      {0x0FFF, 0},  {0x1000, 1},
+        {0x1001, 2},  {0x1002, 2},    {0x1003, 0},   {0x1005, 2},  {0x1007, 2},  {0x1008, 1},
+        {0x100C, 1},  {0x100D, 0},    {0x1013, 1},   {0x1014, 0},  {0x5000, 2},  {0x5001, 3},
+        {0x5003, 2},  {0x5004, 0},    {0x500C, 2},   {0x5010, 1},  {0x5015, 11}, {0x5018, 10},
+        {0x5019, 11}, {0x501A, 0},    {0xA000, 4},   {0xA002, 4},  {0xA003, 5},  {0xA004, 7},
+        {0xA005, 6},  {0xA007, 8},    {0xA008, 0},   {0x10000, 9}, {0x20000, 9}, {0x30000, 9},
+        {0x30001, 0}, {INT32_MIN, 0}, {kInt32Max, 0}};
     for (const auto& [value, code] : expected) {
         EXPECT_EQ(kt::datatype_output_format(dt(value)), code) << "value 0x" << std::hex << value;
     }
@@ -78,12 +86,20 @@ TEST(CatalogueOutputFormatTest, FollowsRangesAndHoles) {
 
 TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbortsWithoutDigits) {
     const std::pair<std::string, int32_t> cases[] = {
-        {"0x1f", 31}, {"0X0A", 10}, {"zz10", 16}, {"0xABCDEF", 0xABCDEF}, {"0xg1", 17},
-        {"0x1g", 16}, {"0x2-3", 0x233}, {"0x7FFFFFFF", kInt32Max}, {"0x80000000", kInt32Max},
+        {"0x1f", 31},
+        {"0X0A", 10},
+        {"zz10", 16},
+        {"0xABCDEF", 0xABCDEF},
+        {"0xg1", 17},
+        {"0x1g", 16},
+        {"0x2-3", 0x233},
+        {"0x7FFFFFFF", kInt32Max},
+        {"0x80000000", kInt32Max},
         {"0x123456789ABCDEF0123", kInt32Max},
         // Leading zeros beyond any double exponent contribute nothing.
         {"0x" + std::string(400, '0') + "1", 1}};
-    for (const auto& [text, value] : cases) EXPECT_EQ(factory.hexStrToDec(text.c_str()), value) << text;
+    for (const auto& [text, value] : cases)
+        EXPECT_EQ(factory.hexStrToDec(text.c_str()), value) << text;
     // The child logs to stderr too, so the parent sees the line written before the abort.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto convert = [this](const char* text) {
@@ -94,7 +110,8 @@ TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbo
         EXPECT_EXIT(convert(text), ::testing::KilledBySignal(SIGABRT),
                     std::string("hexStrToDec:[0-9]+, no hexadecimal digits in '") + text + "'\n");
     }
-    EXPECT_EXIT(convert(nullptr), ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
+    EXPECT_EXIT(convert(nullptr), ::testing::KilledBySignal(SIGABRT),
+                "hexStrToDec:[0-9]+, missing hexadecimal value\n");
 }
 
 // Each row follows its own element's type; lookups insert empty rows for unknown keys.
@@ -150,7 +167,8 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     const auto& a = row(0x1000).goals;
     ASSERT_EQ(a.size(), 2u);
     EXPECT_TRUE(row(0x1000).goalSupported);
-    EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 && a[0].comparisonType == kGe);
+    EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 &&
+                a[0].comparisonType == kGe);
     EXPECT_TRUE(a[1].threshold.intValue == -3 && a[1].comparisonType == kLe);
     ASSERT_EQ(row(0x10000).goals.size(), 2u);
     EXPECT_EQ(bytes_of(row(0x10000).goals[0]), "A&B");  // entities are decoded
@@ -195,7 +213,8 @@ TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeInTableOrderOnlyWhenA
     EXPECT_EQ(exercise(9).autoStartDataTypes, walking);
 }
 
-TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbortsAndMissingNamesStall) {
+TEST_F(CatalogueTest,
+       LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbortsAndMissingNamesStall) {
     EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));
     EXPECT_EQ(log_lines_containing("XML Config File Not Opened", ANDROID_LOG_ERROR).size(), 2u);
@@ -213,13 +232,18 @@ TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbo
     EXPECT_EXIT(
         {
             kiv_log::set_stderr_logging(true);
-            parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/></datatypes></configuration>)");
+            parse(
+                R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/></datatypes></configuration>)");
         },
         ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
     // One without its names stalls the parse for good: still running after 200 ms.
     EXPECT_EXIT(
         {
-            std::thread([&] { parse(R"(<configuration><datatypes><datatype type="t"/></datatypes></configuration>)"); _exit(1); }).detach();
+            std::thread([&] {
+                parse(
+                    R"(<configuration><datatypes><datatype type="t"/></datatypes></configuration>)");
+                _exit(1);
+            }).detach();
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
             _exit(0);
         },
@@ -229,12 +253,13 @@ TEST_F(CatalogueTest, LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbo
 // "steps" and "heart" have attributes ("heart" through two sensors); "silent"
 // was discovered but its attributes never arrived; "gone" was never discovered.
 class CatalogueQueriesTest : public CatalogueTest {
-protected:
+  protected:
     void SetUp() override {
         CatalogueTest::SetUp();
         const sensor_uid steps = {1, 1}, heart = {2, 2}, heart2 = {2, 3}, silent = {3, 3};
         factory.suidMap = {{"steps", {steps}}, {"heart", {heart, heart2}}, {"silent", {silent}}};
-        for (const sensor_uid& suid : {steps, heart, heart2}) factory.attributesMap.emplace(suid, sensor_attributes());
+        for (const sensor_uid& suid : {steps, heart, heart2})
+            factory.attributesMap.emplace(suid, sensor_attributes());
         ASSERT_TRUE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>
   <datatype sensor_type="steps" type="a" data_type_value="0x1000"/><datatype sensor_type="heart" type="b"
     data_type_value="0x1001"/><datatype sensor_type="heart" type="c" data_type_value="0x10000"/>
@@ -261,7 +286,8 @@ protected:
 TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
     factory.setSensorAvailabilityStatus("heart", false);
     EXPECT_THAT(factory.listAvailableSensorTypes(), UnorderedElementsAre("steps", "heart"));
-    EXPECT_THAT(factory.getSupportedMetricsTypes(), UnorderedElementsAre(dt(0x1000), dt(0x1001), dt(0x10000), dt(0x5001)));
+    EXPECT_THAT(factory.getSupportedMetricsTypes(),
+                UnorderedElementsAre(dt(0x1000), dt(0x1001), dt(0x10000), dt(0x5001)));
     EXPECT_FALSE(factory.getSensorAvailabilityStatus("heart"));
     EXPECT_THAT(factory.getAllDatatypes("heart"), IsEmpty());
     EXPECT_TRUE(factory.getSensorAvailabilityStatus("silent"));
@@ -278,28 +304,36 @@ TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
 TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparisonAndOfferedGoalsNeedAttributes) {
     factory.setSensorAvailabilityStatus("steps", false);
     const std::pair<kt::DataTypeGoal, bool> cases[] = {
-        {goal(0x1000, kGe, 6000), true}, {goal(0x1000, kGe, 5000), true}, {goal(0x1000, kGe, 4000), false},
-        {goal(0x1000, kLe, 45), true}, {goal(0x1000, kLe, 61), false}, {goal(0x1000, 2, 45), false},
-        {goal(0x1008, kLe, 0, 2.5f), true}, {goal(0x1008, kLe, 0, 2.6f), false}, {goal(0x1008, kGe, 0, 9.0f), false},
-        {goal(0x1001, kLe, 0, 1.5f), true}, {goal(0x1001, kLe, 0, 1.6f), false}, {goal(0x1001, kGe, 0, -1.0f), true},
-        {goal(0x1001, kGe, 0, -2.0f), false},
-        {goal(0x10000, kLe, 0), true}, {goal(0x10000, kGe, 0), false}, {goal(0x5001, kLe, 1), false},
+        {goal(0x1000, kGe, 6000), true},      {goal(0x1000, kGe, 5000), true},
+        {goal(0x1000, kGe, 4000), false},     {goal(0x1000, kLe, 45), true},
+        {goal(0x1000, kLe, 61), false},       {goal(0x1000, 2, 45), false},
+        {goal(0x1008, kLe, 0, 2.5f), true},   {goal(0x1008, kLe, 0, 2.6f), false},
+        {goal(0x1008, kGe, 0, 9.0f), false},  {goal(0x1001, kLe, 0, 1.5f), true},
+        {goal(0x1001, kLe, 0, 1.6f), false},  {goal(0x1001, kGe, 0, -1.0f), true},
+        {goal(0x1001, kGe, 0, -2.0f), false}, {goal(0x10000, kLe, 0), true},
+        {goal(0x10000, kGe, 0), false},       {goal(0x5001, kLe, 1), false},
         {goal(0x1009, kLe, 1), false}};
     for (const auto& [g, supported] : cases) {
-        EXPECT_EQ(factory.isGoalSupported(g), supported) << static_cast<int32_t>(g.dataType) << " " << g.comparisonType;
+        EXPECT_EQ(factory.isGoalSupported(g), supported)
+            << static_cast<int32_t>(g.dataType) << " " << g.comparisonType;
     }
     EXPECT_TRUE(row(0x1009).sensorType.empty());
     // Offered: every goal of a sensor type with attributes ("silent" has none).
     std::vector<std::pair<int32_t, uint32_t>> offered;
-    for (const auto& g : factory.getSupportedGoals()) offered.emplace_back(static_cast<int32_t>(g.dataType), g.comparisonType);
-    EXPECT_THAT(offered, UnorderedElementsAre(Pair(0x1000, kGe), Pair(0x1000, kLe), Pair(0x1000, kGe), Pair(0x1001, kLe),
-                                              Pair(0x1001, kGe), Pair(0x10000, kLe), Pair(0x5001, kLe)));
+    for (const auto& g : factory.getSupportedGoals())
+        offered.emplace_back(static_cast<int32_t>(g.dataType), g.comparisonType);
+    EXPECT_THAT(offered,
+                UnorderedElementsAre(Pair(0x1000, kGe), Pair(0x1000, kLe), Pair(0x1000, kGe),
+                                     Pair(0x1001, kLe), Pair(0x1001, kGe), Pair(0x10000, kLe),
+                                     Pair(0x5001, kLe)));
 }
 
 TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailability) {
     std::map<kt::ExerciseType, std::vector<kt::DataType>> start;
-    for (const kt::AutoStartCapability& c : factory.getAutoStartList()) start[c.exerciseType] = c.dataTypes;
-    EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(0x1000), dt(0x1001))), Pair(ex(2), IsEmpty())));
+    for (const kt::AutoStartCapability& c : factory.getAutoStartList())
+        start[c.exerciseType] = c.dataTypes;
+    EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(0x1000), dt(0x1001))),
+                                   Pair(ex(2), IsEmpty())));
     EXPECT_THAT(factory.getAutoStopList(), ElementsAre(ex(1)));
     EXPECT_THAT(factory.getAutoPauseList(), UnorderedElementsAre(ex(1), ex(3)));
 }

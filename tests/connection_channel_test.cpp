@@ -21,7 +21,7 @@ namespace test {
 // there, no other class could derive from it, and the compiler would take
 // every call for a pure virtual one.
 class service_view {
-public:
+  public:
     virtual int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
                             tav_event_cb event_cb) = 0;
     virtual int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) = 0;
@@ -37,8 +37,8 @@ using counter = std::shared_ptr<std::atomic<int>>;
 constexpr size_t kPacketLen = 1013;
 
 std::string open_error(int code) {
-    return "TAV_DUCTO_ERROR TAV_DUCTO_int open failed : Unknown error " + std::to_string(code) + " (" +
-           std::to_string(code) + ")";
+    return "TAV_DUCTO_ERROR TAV_DUCTO_int open failed : Unknown error " + std::to_string(code) +
+           " (" + std::to_string(code) + ")";
 }
 
 // Only time-outs are retried, three tries a second apart; descriptor 0 is never the channel.
@@ -46,7 +46,9 @@ TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // descriptor 1 is: stdout becomes the channel
     EXPECT_EXIT(
         {
-            host::set_channel_hooks({[](const char* path, int flags) { return dup2(host::real_open_node(path, flags), 1); },
+            host::set_channel_hooks({[](const char* path, int flags) {
+                                         return dup2(host::real_open_node(path, flags), 1);
+                                     },
                                      nullptr, nullptr, nullptr});
             conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}));
             _exit(dump_of(*conn).find(", fd 1, reader thread running\n") == std::string::npos);
@@ -64,7 +66,8 @@ TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
     };
     for (const auto& c : cases) {
         const counter opens = std::make_shared<std::atomic<int>>(0);
-        host::set_channel_hooks({failing(host::real_open_node, c.error, c.failures, c.result, opens), nullptr, nullptr, nullptr});
+        host::set_channel_hooks({failing(host::real_open_node, c.error, c.failures, c.result, opens),
+                                 nullptr, nullptr, nullptr});
         const auto start = steady_clock::now();
         if (c.thrown != 0) {
             EXPECT_THAT([] { delete tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}); },
@@ -79,7 +82,8 @@ TEST_F(connection_test, OpenRetriesOnlyTimeOutsAndNeverTakesDescriptorZero) {
                 ThrowsMessage<ducto_error>(StrEq(open_error(-EINVAL))));
 }
 
-TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndReadsJoinPiecesWithinThreeEagains) {
+TEST_F(connection_test,
+       WritesAreRetriedAHundredTimesFiveMillisecondsApartAndReadsJoinPiecesWithinThreeEagains) {
     ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EBUSY, 2), nullptr});
@@ -91,10 +95,12 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     ASSERT_TRUE(accel.wait_responses(1));
 
     const counter writes = std::make_shared<std::atomic<int>>(0);
-    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EAGAIN, INT_MAX, -1, writes), nullptr});
+    host::set_channel_hooks(
+        {nullptr, nullptr, failing(host::real_write_node, EAGAIN, INT_MAX, -1, writes), nullptr});
     const auto start = steady_clock::now();
     EXPECT_THAT([&] { send(kAccel, 512); },
-                ThrowsMessage<ducto_error>(StrEq("TAV_DUCTO_ERROR ducto_write failed : Unknown error -11 (-11)")));
+                ThrowsMessage<ducto_error>(
+                    StrEq("TAV_DUCTO_ERROR ducto_write failed : Unknown error -11 (-11)")));
     EXPECT_GE(steady_clock::now() - start, 99 * 5ms);
     EXPECT_EQ(100, writes->load());
 
@@ -110,17 +116,23 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     // write that takes nothing ends the packet.
     std::vector<uint8_t> packet(kPacketLen);
     for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i * 7);
-    auto closed = android::base::make_scope_guard([&] { conn.reset(); });  // the hooks refer to this scope
-    const struct { std::vector<ssize_t> pieces; int result; size_t written; } writes_of[] = {
-        {{500, 513}, 513, kPacketLen}, {{500, 0}, 0, 500}, {{0}, 0, 0}};
+    auto closed =
+        android::base::make_scope_guard([&] { conn.reset(); });  // the hooks refer to this scope
+    const struct {
+        std::vector<ssize_t> pieces;
+        int result;
+        size_t written;
+    } writes_of[] = {{{500, 513}, 513, kPacketLen}, {{500, 0}, 0, 500}, {{0}, 0, 0}};
     for (const auto& c : writes_of) {
         std::string written;
         size_t call = 0;
-        host::set_channel_hooks({nullptr, nullptr, [&](int, const void* buf, size_t) {
+        host::set_channel_hooks({nullptr, nullptr,
+                                 [&](int, const void* buf, size_t) {
                                      const ssize_t n = c.pieces.at(call++);
                                      written.append(static_cast<const char*>(buf), n);
                                      return n;
-                                 }, nullptr});
+                                 },
+                                 nullptr});
         EXPECT_EQ(c.result, ducto()->ducto_write(3, packet.data(), kPacketLen));
         EXPECT_EQ(std::string(packet.begin(), packet.begin() + c.written), written);
         EXPECT_EQ(c.pieces.size(), call);
@@ -130,24 +142,33 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     // Reads: a packet in pieces is joined once its length field (bytes 4-5)
     // is in; three EAGAINs per packet, in a row or not, give up. -1: EAGAIN.
     EXPECT_EQ(0, ducto()->ducto_read(3, packet.data(), 0));
-    const struct { uint16_t length; std::vector<ssize_t> pieces; int result; std::vector<size_t> asked; } reads_of[] = {
-        {40, {3, 4, 33}, 40, {64, 61, 40}}, {40, {0, 7, 33}, 40, {64, 64, 40}}, {65, {7}, 0, {64}},
-        {40, {-1, 6, -1, 1, 33}, 40, {64, 64, 58, 58, 40}}, {40, {-1, 7, -1, 10, -1}, -EAGAIN, {64, 64, 40, 40, 40}},
-        {64, {40, 24}, 64, {64, 24}}};
+    const struct {
+        uint16_t length;
+        std::vector<ssize_t> pieces;
+        int result;
+        std::vector<size_t> asked;
+    } reads_of[] = {{40, {3, 4, 33}, 40, {64, 61, 40}},
+                    {40, {0, 7, 33}, 40, {64, 64, 40}},
+                    {65, {7}, 0, {64}},
+                    {40, {-1, 6, -1, 1, 33}, 40, {64, 64, 58, 58, 40}},
+                    {40, {-1, 7, -1, 10, -1}, -EAGAIN, {64, 64, 40, 40, 40}},
+                    {64, {40, 24}, 64, {64, 24}}};
     for (const auto& c : reads_of) {
         std::string device(c.length, 'p');
         device[4] = static_cast<char>(c.length);
         device[5] = 0;
         size_t at = 0;
         std::vector<size_t> asked;
-        host::set_channel_hooks({nullptr, [&](int, void* buf, size_t len) -> ssize_t {
+        host::set_channel_hooks({nullptr,
+                                 [&](int, void* buf, size_t len) -> ssize_t {
                                      asked.push_back(len);
                                      const ssize_t n = c.pieces.at(asked.size() - 1);
                                      errno = EAGAIN;
                                      memcpy(buf, device.data() + at, std::max<ssize_t>(n, 0));
                                      at += std::max<ssize_t>(n, 0);
                                      return n;
-                                 }, nullptr, nullptr});
+                                 },
+                                 nullptr, nullptr});
         std::vector<uint8_t> buf(64);
         EXPECT_EQ(c.result, ducto()->ducto_read(3, buf.data(), 64)) << c.pieces.size();
         EXPECT_EQ(c.asked, asked) << c.pieces.size();
@@ -156,7 +177,8 @@ TEST_F(connection_test, WritesAreRetriedAHundredTimesFiveMillisecondsApartAndRea
     }
 
     // A closed channel takes no write.
-    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
+    host::set_channel_hooks(
+        {nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
     ducto()->ducto_disconnect(false);
     EXPECT_EQ(0, ducto()->ducto_write(3, packet.data(), kPacketLen));
     EXPECT_EQ(100, writes->load());
@@ -172,11 +194,14 @@ TEST_F(connection_test, AFailedDisableWriteLeavesTheEarlierRequestsAwaitingTheir
     send(kGyro, 10);
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO), nullptr});
     EXPECT_THROW(send(kAccel, 10), ducto_error);
-    const std::string waiting = "    00000000000000a1:0000000000001111\n    00000000000000b2:0000000000002222\n";
-    EXPECT_THAT(dump_of(*conn), HasSubstr("  channel errors: 2 in a row (limit 10)\n"
-                                          "  registered sensors: 2 (client request ids 2 in use, 253 free)\n"));
-    EXPECT_THAT(dump_of(*conn), HasSubstr("  pending responses, oldest first: 2\n" + waiting +
-                                          "  disable requests awaiting their response: 2\n" + waiting));
+    const std::string waiting =
+        "    00000000000000a1:0000000000001111\n    00000000000000b2:0000000000002222\n";
+    EXPECT_THAT(dump_of(*conn),
+                HasSubstr("  channel errors: 2 in a row (limit 10)\n"
+                          "  registered sensors: 2 (client request ids 2 in use, 253 free)\n"));
+    EXPECT_THAT(dump_of(*conn),
+                HasSubstr("  pending responses, oldest first: 2\n" + waiting +
+                          "  disable requests awaiting their response: 2\n" + waiting));
 }
 
 // Refused because the partition header cannot be marked: no descriptor,
@@ -187,13 +212,15 @@ TEST_F(connection_test, AConnectionRefusedForItsPartitionLeavesNothingBehind) {
     root.write_file(kSensorStorePartition, "abcd");
     sns_wakelock* wakelock = sns_wakelock::get_instance();
     const auto count = [](const char* dir) {
-        return std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator());
+        return std::distance(std::filesystem::directory_iterator(dir),
+                             std::filesystem::directory_iterator());
     };
     const auto fds = count("/proc/self/fd"), threads = count("/proc/self/task");
     EXPECT_THAT([] { delete tav_interface::create(TAV_DUCTO_CONNECTION, {kChannel}); },
                 ThrowsMessage<ducto_error>(HasSubstr("TAV_SENSORSTORE read failure")));
     // The core stand-in lets go of its end in its own time.
-    EXPECT_TRUE(eventually([&] { return count("/proc/self/fd") == fds && count("/proc/self/task") == threads; }));
+    EXPECT_TRUE(eventually(
+        [&] { return count("/proc/self/fd") == fds && count("/proc/self/task") == threads; }));
     EXPECT_EQ("abcd", root.read_file(kSensorStorePartition));
     wakelock->get_n_locks(1);
     wakelock->put_n_locks(1);  // no host: released at once
@@ -233,7 +260,8 @@ TEST_F(connection_test, ErrorStreaksStartOverPastTheLimitAndEndWithACleanPass) {
     EXPECT_THAT(dump_of(*conn), HasSubstr("  channel errors: 2 in a row (limit 10)\n"));
     resume = true;
     ASSERT_TRUE(accel.wait_for(1));
-    EXPECT_TRUE(eventually([&] { return dump_of(*conn).find("channel errors: 0 in a row") != std::string::npos; }));
+    EXPECT_TRUE(eventually(
+        [&] { return dump_of(*conn).find("channel errors: 0 in a row") != std::string::npos; }));
 
     // A stray byte on the wake-up pipe stops nothing. Opened through /proc,
     // the pipe's read end yields a second write end.
@@ -257,7 +285,8 @@ __attribute__((no_sanitize("undefined"))) void end_through_service_view(tav_inte
                                                                         bool deleting) {
     auto* view = reinterpret_cast<service_view*>(conn);
     for (const int registered : {0, -1}) {
-        ASSERT_EQ(registered, view->register_cb(kAccel, tav_resp_cb(), tav_error_cb(), tav_event_cb()));
+        ASSERT_EQ(registered,
+                  view->register_cb(kAccel, tav_resp_cb(), tav_error_cb(), tav_event_cb()));
     }
     if (deleting) {
         delete view;
@@ -282,7 +311,9 @@ TEST_F(connection_test, AServiceBuiltAgainstTheInterfaceEndsTheConnectionThrough
 }
 
 std::string g_exit_marker;
-void write_exit_marker() { android::base::WriteStringToFile("atexit ran", g_exit_marker); }
+void write_exit_marker() {
+    android::base::WriteStringToFile("atexit ran", g_exit_marker);
+}
 
 // A hang-up ends the process through exit(1): the service's own atexit
 // handlers and static destructors run, and nothing the library deferred is

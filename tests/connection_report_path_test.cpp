@@ -51,9 +51,11 @@ TEST(ReportDeliveryTest, SteadyStateDeliveryDoesNotAllocate) {
     kiv_log::set_level(kiv_log::INFO);
     kivhal::test::scoped_root root;
     // The delivery holds the kernel wake lock; give it its files.
-    for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
+    for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"})
+        root.write_file(file, "");
     core_stub core(kChannel);
-    std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+    std::unique_ptr<tav_interface> conn(
+        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
     ASSERT_TRUE(core.wait_connected(std::chrono::seconds(2)));
 
     // Plain atomics only: the callback itself must not allocate either.
@@ -73,9 +75,11 @@ TEST(ReportDeliveryTest, SteadyStateDeliveryDoesNotAllocate) {
     for (int round = 0; round < kWarmUpRounds + kCountedRounds; round++) {
         for (const auto& report : reports) ASSERT_TRUE(core.send_packet(report));
     }
-    ASSERT_TRUE(kivhal::test::eventually([&] { return delivered.load() == total; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(kivhal::test::eventually([&] { return delivered.load() == total; },
+                                         std::chrono::seconds(20)));
     EXPECT_EQ(at_last_counted.load() - at_first_counted.load(), 0u)
-        << "heap allocations on the reader thread over " << kCountedRounds * reports.size() << " reports";
+        << "heap allocations on the reader thread over " << kCountedRounds * reports.size()
+        << " reports";
     conn.reset();
 }
 

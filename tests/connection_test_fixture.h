@@ -61,10 +61,11 @@ inline std::string dump_of(tav_interface& conn) {
 }
 
 class connection_test : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         kiv_log::set_level(kiv_log::VERBOSE);
-        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"})
+            root.write_file(file, "");
         core = std::make_unique<core_stub>(kChannel);
     }
     void TearDown() override {

@@ -1,10 +1,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -63,9 +62,14 @@ TEST(SensorAttributesTest, GettersReadTheirKindAndNameWhatIsWrong) {
     sns_std_attr_value mixed = values<float>({1.0f});
     mixed.add_elementlist()->set_stringvalue("x");
     const std::pair<int32_t, sns_std_attr_value> set[] = {
-        {0, values<const char*>({"accel", "ignored"})}, {1, values<float>({1.5f, -2.0f})}, {3, values<int64_t>({7, -9})},
-        {4, values<bool>({true, false})}, {2, nested({values<float>({-4, 4}), values<float>({-8, 8})})},
-        {5, sns_std_attr_value()}, {10, mixed}, {11, nested({values<float>({0, 1}), mixed})},
+        {0, values<const char*>({"accel", "ignored"})},
+        {1, values<float>({1.5f, -2.0f})},
+        {3, values<int64_t>({7, -9})},
+        {4, values<bool>({true, false})},
+        {2, nested({values<float>({-4, 4}), values<float>({-8, 8})})},
+        {5, sns_std_attr_value()},
+        {10, mixed},
+        {11, nested({values<float>({0, 1}), mixed})},
         {12, nested({values<float>({1})})}};
     for (const auto& [id, value] : set) a.set_attribute(id, value);
     EXPECT_EQ(a.get_string(0), "accel");
@@ -80,13 +84,17 @@ TEST(SensorAttributesTest, GettersReadTheirKindAndNameWhatIsWrong) {
         {[&] { a.get_floats(10); }, "attribute 10 element 1 is not a float"},
         {[&] { a.get_ints(1); }, "attribute 1 element 0 is not an int"},
         {[&] { a.get_bools(0); }, "attribute 0 element 0 is not a boolean"},
-        {[&] { a.get_string(5); }, "attribute value is not a string"}, {[&] { a.get_ranges(11); }, malformed},
-        {[&] { a.get_ranges(12); }, malformed}, {[&] { a.get_ranges(1); }, malformed}};
-    for (const auto& [get, message] : errors) EXPECT_THAT(get, ThrowsMessage<std::runtime_error>(StrEq(message)));
+        {[&] { a.get_string(5); }, "attribute value is not a string"},
+        {[&] { a.get_ranges(11); }, malformed},
+        {[&] { a.get_ranges(12); }, malformed},
+        {[&] { a.get_ranges(1); }, malformed}};
+    for (const auto& [get, message] : errors)
+        EXPECT_THAT(get, ThrowsMessage<std::runtime_error>(StrEq(message)));
     EXPECT_THROW(a.get_ranges(99), std::out_of_range);
     EXPECT_THROW(a.get_stream_type(), std::out_of_range);
     a.set_attribute(sensor_attributes::STREAM_TYPE_ATTRIBUTE_ID, sns_std_attr_value());
-    EXPECT_THAT([&] { a.get_stream_type(); }, ThrowsMessage<std::runtime_error>(StrEq("stream_type attribute not available")));
+    EXPECT_THAT([&] { a.get_stream_type(); },
+                ThrowsMessage<std::runtime_error>(StrEq("stream_type attribute not available")));
     a.set_attribute(sensor_attributes::STREAM_TYPE_ATTRIBUTE_ID, values<int64_t>({2, 5}));
     EXPECT_EQ(a.get_stream_type(), 2);
 }
@@ -100,7 +108,10 @@ TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
     ignore.sa_handler = [](int) {};
     sigaction(SIGUSR1, &ignore, nullptr);
     const pthread_t self = pthread_self();
-    std::thread poke([&] { std::this_thread::sleep_for(20ms); pthread_kill(self, SIGUSR1); });
+    std::thread poke([&] {
+        std::this_thread::sleep_for(20ms);
+        pthread_kill(self, SIGUSR1);
+    });
     int64_t start = clock.steady_now_ns();
     EXPECT_EQ(clock.sleep_ns(60 * kivhal::discovery::kNanosPerMilli), 0);
     EXPECT_GE(clock.steady_now_ns() - start, 60 * kivhal::discovery::kNanosPerMilli);
@@ -112,7 +123,11 @@ TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
     start = clock.steady_now_ns();
     EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 30 * kivhal::discovery::kNanosPerMilli), ETIMEDOUT);
     EXPECT_GE(clock.steady_now_ns() - start, 30 * kivhal::discovery::kNanosPerMilli);
-    std::thread signaller([&] { pthread_mutex_lock(&mutex); pthread_cond_signal(&cond); pthread_mutex_unlock(&mutex); });
+    std::thread signaller([&] {
+        pthread_mutex_lock(&mutex);
+        pthread_cond_signal(&cond);
+        pthread_mutex_unlock(&mutex);
+    });
     EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 5000 * kivhal::discovery::kNanosPerMilli), 0);
     pthread_mutex_unlock(&mutex);
     signaller.join();
@@ -124,7 +139,7 @@ constexpr const char* kConfig = R"(<configuration type="KIV_oem_datatype"><datat
 const sensor_uid kHealth{0x200, 0x2}, kHeartRate{0x300, 0x3};
 
 class DiscoveryDriverTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         kiv_log::set_level(kiv_log::VERBOSE);
         kivhal::test::reset_discovery_state();
@@ -134,12 +149,16 @@ protected:
         kiv_sensor_factory::tavInterface = &core;
     }
     using handler = void (kiv_sensor_factory::*)(const uint8_t*, uint32_t, uint64_t);
-    void feed(const std::string& message, handler h = &kiv_sensor_factory::default_suids_lookup_callback) {
-        (factory.*h)(reinterpret_cast<const uint8_t*>(message.data()), static_cast<uint32_t>(message.size()), 0);
+    void feed(const std::string& message,
+              handler h = &kiv_sensor_factory::default_suids_lookup_callback) {
+        (factory.*h)(reinterpret_cast<const uint8_t*>(message.data()),
+                     static_cast<uint32_t>(message.size()), 0);
     }
     size_t lookups_of(const std::string& name) {
         return std::count_if(core.requests().begin(), core.requests().end(),
-                             [&](const fake_request& r) { return r.msg_id() == kLookup && r.lookup.datatypename() == name; });
+                             [&](const fake_request& r) {
+                                 return r.msg_id() == kLookup && r.lookup.datatypename() == name;
+                             });
     }
     // The first pauses, in milliseconds, as many as `count`.
     std::vector<int64_t> pauses_ms(size_t count = SIZE_MAX) {
@@ -174,7 +193,8 @@ TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
     EXPECT_EQ(lookups_of("registry"), 80u);
     EXPECT_EQ(core.requests().back().msg_id(), kDisable);
     EXPECT_EQ(pauses_ms(), schedule({}, {1000, 250}, 80, {100}));
-    EXPECT_DOUBLE_EQ(kivhal::discovery::steady_now_seconds(), 1000 + 100.1);  // the clock starts at 1000 s
+    EXPECT_DOUBLE_EQ(kivhal::discovery::steady_now_seconds(),
+                     1000 + 100.1);  // the clock starts at 1000 s
     EXPECT_TRUE(log_contains("(no of repeats:'80')", ANDROID_LOG_ERROR));
     EXPECT_FALSE(root.exists(kListPath));
     EXPECT_EQ(factory.discoveryList.size(), 2u);
@@ -191,15 +211,19 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswer
     // Registry lookup and disable, the three names, disable, attributes, releases.
     const std::vector<fake_request> requests = core.requests();
     const std::vector<std::pair<uint32_t, std::string>> expected = {
-        {kLookup, "registry"}, {kDisable, "registry"}, {kLookup, "health"}, {kLookup, "health_async_announce"},
-        {kLookup, "heart_rate"}, {kDisable, "registry"}, {kAttribute, ""}, {kAttribute, ""}, {kDisable, ""}, {kDisable, ""}};
+        {kLookup, "registry"},   {kDisable, "registry"},
+        {kLookup, "health"},     {kLookup, "health_async_announce"},
+        {kLookup, "heart_rate"}, {kDisable, "registry"},
+        {kAttribute, ""},        {kAttribute, ""},
+        {kDisable, ""},          {kDisable, ""}};
     ASSERT_EQ(requests.size(), expected.size());
     for (size_t i = 0; i < requests.size(); i++) {
         const fake_request& r = requests[i];
         const auto& config = r.envelope.suspendconfig();
         EXPECT_TRUE(r.flag && r.session_id == 0 && r.envelope.suid().uidlow() == r.suid.low &&
                     r.envelope.suid().uidhigh() == r.suid.high && config.has_processorkind() &&
-                    config.processorkind() == 0 && config.deliverymode() == 1) << i;
+                    config.processorkind() == 0 && config.deliverymode() == 1)
+            << i;
         EXPECT_EQ(std::make_pair(r.msg_id(), r.lookup.datatypename()), expected[i]) << i;
         EXPECT_EQ(r.suid == kivhal::test::kLookupSuid, i < 6) << i;
         if (i < 6) {
@@ -216,7 +240,8 @@ TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswer
     // The registry's answer ends its wait; settle, the later boot's 1 s, the final 50 ms.
     EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{0, 100, 1000, 50}));
     EXPECT_EQ(factory.attributesMap.size(), 2u);
-    EXPECT_TRUE(factory.get_suids("heart_rate") == kHeartRate && factory.get_suids("none") == (sensor_uid{0, 0}));
+    EXPECT_TRUE(factory.get_suids("heart_rate") == kHeartRate &&
+                factory.get_suids("none") == (sensor_uid{0, 0}));
     EXPECT_FALSE(factory.listWriter.is_open());
     EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
 }
@@ -232,7 +257,8 @@ TEST_F(DiscoveryDriverTest, ParseFailureLeavesTheListOpen) {
 TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
     factory.startDiscovery(&core);
     // The initial round plus eight passes re-sending all three names.
-    for (const char* name : {"health", "health_async_announce", "heart_rate"}) EXPECT_EQ(lookups_of(name), 9u) << name;
+    for (const char* name : {"health", "health_async_announce", "heart_rate"})
+        EXPECT_EQ(lookups_of(name), 9u) << name;
     EXPECT_EQ(core.requests().size(), 2u + 27u + 1u);
     // Registry wait and settle, 7 s, eight 2 s passes, the final 50 ms.
     EXPECT_EQ(pauses_ms(), schedule({1000, 100, 7000}, {2000}, 8, {50}));
@@ -289,7 +315,8 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRecordsEachAnsweredNameOnce) {
     EXPECT_TRUE(factory.suidMap.empty());
     EXPECT_EQ(factory.lastSuidTime, 0);
     // Serialized messages concatenate into one holding both events.
-    feed(core_t::make_event_msg(kLookupSuid, {{769, "junk"}}) + core_t::make_lookup_event("accel", {{1, 1}, {2, 2}}));
+    feed(core_t::make_event_msg(kLookupSuid, {{769, "junk"}}) +
+         core_t::make_lookup_event("accel", {{1, 1}, {2, 2}}));
     feed(core_t::make_lookup_event("gyro", {{4, 4}}));
     feed(core_t::make_lookup_event("accel", {{3, 3}}));
     factory.deinit_mandatory_list_db();
@@ -306,7 +333,8 @@ TEST_F(DiscoveryCallbacksTest, LaterBootCountsListedNamesOnceAndAppendsNewOnes) 
     ASSERT_TRUE(factory.laterBoot);
     EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", "c"}));
     mandatoryFound = {{"a", false}, {"b", false}, {"c", false}};
-    for (const char* name : {"a", "a", "new", "new", "b"}) factory.handle_suids_lookup_callback(name, {{1, 1}});
+    for (const char* name : {"a", "a", "new", "new", "b"})
+        factory.handle_suids_lookup_callback(name, {{1, 1}});
     EXPECT_EQ(num_mandatory_sns, 2u);
     EXPECT_FALSE(allMandatoryFound.load());
     EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", "c", "new"}));
@@ -324,10 +352,17 @@ TEST_F(DiscoveryCallbacksTest, AListThatIsNoRegularFileOrHasOverlongLinesIsRefus
         std::vector<std::string> loaded;
         const char* error;
     } cases[] = {
-        {[&] { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); }, {}, "open read fail for sensors_list reading with errno Invalid argument "},
-        {[&] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); }, {}, "open read fail for sensors_list reading with errno Is a directory "},
-        {[&] { root.write_file(kListPath, "a\n" + std::string(2000, 'x') + "\n" + name_1000 + "\nb"); },
-         {"a", name_1000, "b"}, "sensors_list line 2 is 2000 bytes, longer than any sensor type name; dropped"},
+        {[&] { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); },
+         {},
+         "open read fail for sensors_list reading with errno Invalid argument "},
+        {[&] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); },
+         {},
+         "open read fail for sensors_list reading with errno Is a directory "},
+        {[&] {
+             root.write_file(kListPath, "a\n" + std::string(2000, 'x') + "\n" + name_1000 + "\nb");
+         },
+         {"a", name_1000, "b"},
+         "sensors_list line 2 is 2000 bytes, longer than any sensor type name; dropped"},
     };
     for (const auto& c : cases) {
         kivhal::test::reset_discovery_state();
@@ -352,9 +387,10 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRediscoveryResendsOnlyMissingNames) {
     factory.laterBoot = false;
     factory.suidMap["health"] = {{1, 1}};
     factory.discoveryList.push_back("accel");
-    core.register_cb(kLookupSuid, nullptr, nullptr, [this](const uint8_t* data, uint32_t length, uint64_t) {
-        factory.default_suids_lookup_callback(data, length, 0);
-    });
+    core.register_cb(kLookupSuid, nullptr, nullptr,
+                     [this](const uint8_t* data, uint32_t length, uint64_t) {
+                         factory.default_suids_lookup_callback(data, length, 0);
+                     });
     core.add_sensor_type("accel", {{7, 7}});
     factory.wait_for_sensors();
     const std::vector<fake_request> requests = core.requests();
@@ -422,9 +458,11 @@ TEST_F(DiscoveryCallbacksTest, LateAttributesStoredWhileQueriesRunAreSeenWhole) 
     }
     done = true;
     service.join();
-    for (const sensor_uid& suid : suids) EXPECT_TRUE(factory.find_attributes(suid, &found)) << suid.low;
-    EXPECT_EQ(factory.getSupportedMetricsTypes(), std::vector<kiv_sensor_factory::DataType>{
-                                                      static_cast<kiv_sensor_factory::DataType>(0x1)});
+    for (const sensor_uid& suid : suids)
+        EXPECT_TRUE(factory.find_attributes(suid, &found)) << suid.low;
+    EXPECT_EQ(
+        factory.getSupportedMetricsTypes(),
+        std::vector<kiv_sensor_factory::DataType>{static_cast<kiv_sensor_factory::DataType>(0x1)});
 }
 
 }  // namespace

@@ -30,7 +30,8 @@ TEST(LoggingTest, EachLevelLetsThroughItsOwnClassAndTheOnesAboveFromInfoOnAtFirs
     EXPECT_EQ(kiv_log::INFO, kiv_log::get_level());
     EXPECT_STREQ("KIVHAL-Sensors", kiv_log::get_tag());
     EXPECT_FALSE(kiv_log::get_stderr_logging());
-    const std::vector<int> all = {ANDROID_LOG_ERROR, ANDROID_LOG_INFO, ANDROID_LOG_DEBUG, ANDROID_LOG_VERBOSE};
+    const std::vector<int> all = {ANDROID_LOG_ERROR, ANDROID_LOG_INFO, ANDROID_LOG_DEBUG,
+                                  ANDROID_LOG_VERBOSE};
     kiv_log::set_stderr_logging(true);
     for (int level : {0, 1, 2, 3, 4, 9}) {
         kivhal::host::clear_captured_log();
@@ -78,10 +79,18 @@ TEST(LoggingTest, AHelpersLineNamesItsOperationAndKeepsItsOwnLine) {
 
 using kivhal::host::set_property;
 
-bool ds() { return is_ds_supported(); }
-bool oda() { return is_oda_supported(); }
-bool aon() { return get_aon_prop() == 1; }
-bool trace() { return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load(); }
+bool ds() {
+    return is_ds_supported();
+}
+bool oda() {
+    return is_oda_supported();
+}
+bool aon() {
+    return get_aon_prop() == 1;
+}
+bool trace() {
+    return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load();
+}
 
 // A switch: its property, its reader, the reader's first line up to the
 // value it echoes, and the value read when the property is unset.
@@ -93,7 +102,8 @@ struct flag {
 };
 const flag kDs{"persist.vendor.kiv.ds", ds, "is_ds_supported:[0-9]+, ds: ", "false"};
 const flag kOda{"persist.vendor.kiv.ds_oda", oda, "is_oda_supported:[0-9]+, ds_oda: ", "false"};
-const flag kTrace{"persist.vendor.debug.kiv.trace", trace, "check_kiv_trace_support_flag:[0-9]+, trace_debug: ", "false"};
+const flag kTrace{"persist.vendor.debug.kiv.trace", trace,
+                  "check_kiv_trace_support_flag:[0-9]+, trace_debug: ", "false"};
 const flag kAon{"ro.vendor.mr_aon_presence", aon, "get_aon_prop:[0-9]+, aon_prop: ", "0"};
 
 // The caches live for the process, so every reading runs in a child. The
@@ -105,13 +115,13 @@ TEST(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
         const flag& f;
         const char* value;  // nullptr: unset
         bool expected;
-    } cases[] = {
-        // The sensor store is on unless the value starts with "false"; on-device
-        // analysis and tracing compare four characters with "true"; always-on
-        // presence looks at the first character only.
-        {kDs, nullptr, false}, {kDs, "0", true}, {kDs, "FALSE", true}, {kDs, "falsely", false},
-        {kOda, nullptr, false}, {kOda, "true1", true}, {kOda, "TRUE", false}, {kTrace, nullptr, false},
-        {kTrace, "trueish", true}, {kAon, nullptr, false}, {kAon, "10", true}, {kAon, "true", false}};
+    } cases[] = {// The sensor store is on unless the value starts with "false"; on-device
+                 // analysis and tracing compare four characters with "true"; always-on
+                 // presence looks at the first character only.
+                 {kDs, nullptr, false},   {kDs, "0", true},         {kDs, "FALSE", true},
+                 {kDs, "falsely", false}, {kOda, nullptr, false},   {kOda, "true1", true},
+                 {kOda, "TRUE", false},   {kTrace, nullptr, false}, {kTrace, "trueish", true},
+                 {kAon, nullptr, false},  {kAon, "10", true},       {kAon, "true", false}};
     for (const auto& c : cases) {
         kivhal::host::clear_properties();
         if (c.value != nullptr) set_property(c.f.property, c.value);

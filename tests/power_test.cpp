@@ -27,16 +27,21 @@ using ::testing::StartsWith;
 const uint32_t kOwnHash = sensorstore_image::channel_hash(kChannel);
 const uint32_t kForeignHash = sensorstore_image::channel_hash("other");
 
-std::string n(uint32_t value) { return std::to_string(value); }
+std::string n(uint32_t value) {
+    return std::to_string(value);
+}
 // One encoded event per sample (events carry the time they were made), so a
 // replayed copy compares equal to it.
 const std::string& stored_event(const std::string& sample) {
     static std::map<std::string, std::string> events;
     auto it = events.find(sample);
-    if (it == events.end()) it = events.emplace(sample, core_stub::make_event(kAccel, 1025, sample)).first;
+    if (it == events.end())
+        it = events.emplace(sample, core_stub::make_event(kAccel, 1025, sample)).first;
     return it->second;
 }
-bytes jumbo(const std::string& sample) { return core_stub::make_report(stored_event(sample), true); }
+bytes jumbo(const std::string& sample) {
+    return core_stub::make_report(stored_event(sample), true);
+}
 
 // The core's example: 108 bytes, header included, with a record of another
 // channel before one of ours.
@@ -48,7 +53,7 @@ sensorstore_image example_image() {
 }
 
 class sensor_store_test : public connection_test {
-protected:
+  protected:
     void SetUp() override {
         connection_test::SetUp();
         enable_sensor_store();
@@ -67,13 +72,15 @@ protected:
     }
 };
 
-TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPartitionFailuresAreThrown) {
+TEST_F(sensor_store_test,
+       NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPartitionFailuresAreThrown) {
     example_image().write(root);  // after the connect-time reset
     process(500, 500);
     process(0, 0);
-    EXPECT_THAT([&] { process(108, 0, 5); },
-                ThrowsMessage<ducto_error>(AllOf(StartsWith("TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : "),
-                                                 EndsWith(" (5)"))));
+    EXPECT_THAT(
+        [&] { process(108, 0, 5); },
+        ThrowsMessage<ducto_error>(AllOf(
+            StartsWith("TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : "), EndsWith(" (5)"))));
     EXPECT_EQ(0u, header().reset_data_len);
 
     // One byte shorter than its header: neither pass reads, maps or writes it.
@@ -83,8 +90,9 @@ TEST_F(sensor_store_test, NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPa
     EXPECT_EQ("abcdefg", root.read_file(kSensorStorePartition));
 
     unlink(root.host_path(kSensorStorePartition).c_str());
-    EXPECT_THAT([&] { ducto()->tav_update_sensorstore_header_reset_field(1); },
-                ThrowsMessage<ducto_error>(HasSubstr("TAV_DUCTO_ERROR TAV_SENSORSTORE open failure")));
+    EXPECT_THAT(
+        [&] { ducto()->tav_update_sensorstore_header_reset_field(1); },
+        ThrowsMessage<ducto_error>(HasSubstr("TAV_DUCTO_ERROR TAV_SENSORSTORE open failure")));
 }
 
 TEST_F(sensor_store_test, ConnectResetsTheHeaderAndTheExampleIsReplayedOnThisThreadAndReset) {
@@ -112,8 +120,8 @@ TEST_F(sensor_store_test, CorruptPartitionsAreWalkedInsideTheMappingAndEndWithAn
     too_long[4] = 0x88;  // 5000
     too_long[5] = 0x13;
     const sensorstore_image foreign = sensorstore_image()
-        .add_record(kForeignHash, make_stored_packet(0x22, 40))
-        .add_record(kForeignHash, make_stored_packet(0x22, 56));
+                                          .add_record(kForeignHash, make_stored_packet(0x22, 40))
+                                          .add_record(kForeignHash, make_stored_packet(0x22, 56));
     const uint32_t area = foreign.area_len();
     const struct {
         sensorstore_image image;
@@ -123,16 +131,26 @@ TEST_F(sensor_store_test, CorruptPartitionsAreWalkedInsideTheMappingAndEndWithAn
         size_t replayed;
     } cases[] = {
         {sensorstore_image().add_record(kOwnHash, record), one + 20, one - 8 + 20,
-         "data is missing emmc_byte_count(" + n(one) + ") write_info_byte_count(" + n(one + 20) + ")", 1},
+         "data is missing emmc_byte_count(" + n(one) + ") write_info_byte_count(" + n(one + 20) +
+             ")",
+         1},
         {sensorstore_image().add_record(kOwnHash, record).add_record(kOwnHash, record), 0, one - 8,
          "record at emmc_trvsd_len(" + n(one) + ") lies past the " + n(one) + " readable bytes", 1},
         {sensorstore_image(foreign).set_data_len(area - 2), 0, area - 8,
          "parsing FAILED, emmc_byte_count(" + n(area - 2) + "), emmc_trvsd_len(" + n(area) + ")", 0},
-        {sensorstore_image().add_record(kOwnHash, too_long), 0, one - 8, "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the", 0},
-        {sensorstore_image().add_record(kOwnHash, record).add_raw(bytes(40, 0)).set_data_len(0xfffffff0u), 0,
-         one + 40 - 8, "lps_pkt_len(0) at emmc_trvsd_len(" + n(one) + ") is shorter than a packet head", 1},
-        {sensorstore_image().add_record(kOwnHash, record).set_data_len(one + 4096), 0, one - 8 + 4096,
-         "partition size(" + n(one) + ") is smaller than write_info_byte_count(" + n(one + 4096) + ")", 1},
+        {sensorstore_image().add_record(kOwnHash, too_long), 0, one - 8,
+         "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the", 0},
+        {sensorstore_image()
+             .add_record(kOwnHash, record)
+             .add_raw(bytes(40, 0))
+             .set_data_len(0xfffffff0u),
+         0, one + 40 - 8,
+         "lps_pkt_len(0) at emmc_trvsd_len(" + n(one) + ") is shorter than a packet head", 1},
+        {sensorstore_image().add_record(kOwnHash, record).set_data_len(one + 4096), 0,
+         one - 8 + 4096,
+         "partition size(" + n(one) + ") is smaller than write_info_byte_count(" + n(one + 4096) +
+             ")",
+         1},
     };
     for (const auto& c : cases) {
         const size_t before = accel.events().size();
@@ -141,7 +159,8 @@ TEST_F(sensor_store_test, CorruptPartitionsAreWalkedInsideTheMappingAndEndWithAn
         EXPECT_TRUE(log_contains(c.reason, ANDROID_LOG_ERROR)) << c.reason;
         const std::vector<std::string> all = replayed();
         EXPECT_EQ(std::vector<std::string>(c.replayed, stored_event("sample")),
-                  std::vector<std::string>(all.begin() + before, all.end())) << c.reason;
+                  std::vector<std::string>(all.begin() + before, all.end()))
+            << c.reason;
         EXPECT_EQ(1u, header().reset_data_len) << c.reason;
     }
 }
@@ -172,7 +191,8 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     ASSERT_TRUE(android::base::Pipe(&read_end, &write_end));
     const int fd = write_end.get();
     auto writes = std::make_shared<std::atomic<int>>(0);
-    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EAGAIN, INT_MAX, -1, writes), nullptr});
+    host::set_channel_hooks(
+        {nullptr, nullptr, failing(host::real_write_node, EAGAIN, INT_MAX, -1, writes), nullptr});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-EAGAIN, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 9 * 50ms);  // nine pauses between ten tries
@@ -193,7 +213,8 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     EXPECT_EQ("sensors!", data);
 
     writes->store(0);
-    host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
+    host::set_channel_hooks(
+        {nullptr, nullptr, failing(host::real_write_node, EIO, INT_MAX, -1, writes), nullptr});
     EXPECT_EQ(-EIO, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(-1, kData, sizeof(kData)));
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(fd, kData, 0));
@@ -203,20 +224,23 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
 TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsALiveOne) {
     ASSERT_TRUE(core->send_packet(jumbo("live")));
     ASSERT_TRUE(accel.wait_for(1));
-    const sensorstore_image image = sensorstore_image()
-        .add_record(kOwnHash, core_stub::make_report(stored_event("plain"), false))
-        .add_record(kForeignHash, jumbo("other channel"))
-        .add_record(kOwnHash, jumbo("first"))
-        .add_record(kOwnHash, jumbo("second"));
+    const sensorstore_image image =
+        sensorstore_image()
+            .add_record(kOwnHash, core_stub::make_report(stored_event("plain"), false))
+            .add_record(kForeignHash, jumbo("other channel"))
+            .add_record(kOwnHash, jumbo("first"))
+            .add_record(kOwnHash, jumbo("second"));
     image.write(root);
-    ASSERT_TRUE(core->send_packet(
-        core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len() - 8 + 64, 64)));
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
+                                                                  image.area_len() - 8 + 64, 64)));
     // The pass ends with the reset, after the replay.
     ASSERT_TRUE(eventually([&] { return header().reset_data_len == 1u; }));
-    EXPECT_EQ((std::vector<std::string>{stored_event("live"), stored_event("first"), stored_event("second")}),
+    EXPECT_EQ((std::vector<std::string>{stored_event("live"), stored_event("first"),
+                                        stored_event("second")}),
               replayed());
     EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
-    EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(
+        1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
     // Replayed under their own id: the handler's only trace of it.
     EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int msg_id 34 ", ANDROID_LOG_VERBOSE).size());
 }
@@ -227,14 +251,18 @@ TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsA
 // released as often as taken. 0 when all of that holds.
 int huge_write_info_in_child(uint32_t total) {
     scoped_root root;
-    for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
+    for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"})
+        root.write_file(file, "");
     host::set_property("persist.vendor.kiv.ds", "true");
     host::set_property("persist.vendor.kiv.ds_oda", "true");
     sensorstore_image().add_record(kOwnHash, jumbo("stored")).write(root);
     core_stub core(kChannel);
     event_recorder accel;
-    std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
-    if (!core.wait_connected(kWait) || conn->register_cb(kAccel, nullptr, nullptr, accel.callback()) != 0) return 2;
+    std::unique_ptr<tav_interface> conn(
+        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+    if (!core.wait_connected(kWait) ||
+        conn->register_cb(kAccel, nullptr, nullptr, accel.callback()) != 0)
+        return 2;
     const rlimit limit = {3ull << 30, 3ull << 30};
     if (setrlimit(RLIMIT_AS, &limit) != 0) return 3;
     core.send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, total, 0));
@@ -253,14 +281,16 @@ TEST(sensor_store_limits, WriteInfoCountsBeyondThePartitionAreClampedToIt) {
     GTEST_SKIP() << "the sanitizers' shadow memory does not fit the limit";
 #endif
     for (uint32_t total : {0xF0000000u, 0xFFFFFFFFu}) {
-        EXPECT_EXIT(_exit(huge_write_info_in_child(total)), ::testing::ExitedWithCode(0), "") << total;
+        EXPECT_EXIT(_exit(huge_write_info_in_child(total)), ::testing::ExitedWithCode(0), "")
+            << total;
     }
 }
 
 TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTheRest) {
     const bytes area = sensorstore_image().add_record(7, make_stored_packet(0x22, 40)).bytes();
     sensorstore_record record;
-    ASSERT_EQ(sensorstore_record_status::ok, read_sensorstore_record(area.data(), area.size(), 8, &record));
+    ASSERT_EQ(sensorstore_record_status::ok,
+              read_sensorstore_record(area.data(), area.size(), 8, &record));
     sns_ducto_packet packet;
     memset(&packet, 0xee, sizeof(packet));
     copy_sensorstore_packet(record, &packet);
@@ -283,7 +313,7 @@ constexpr auto kOff = SNS_LOW_POWER_STATE_OFF;
 constexpr auto kOn = SNS_LOW_POWER_STATE_ON;
 
 class low_power_test : public connection_test {
-protected:
+  protected:
     void SetUp() override {
         connection_test::SetUp();
         host::set_property("persist.vendor.kiv.ds", "true");
@@ -318,7 +348,8 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
     ASSERT_TRUE(eventually([&] { return service->acquires == 1; }));
     ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOn, 5)));
     ASSERT_TRUE(eventually([&] { return service->releases == 1; }));
-    EXPECT_EQ("  low-power sessions: 2, aggregate on\n    session 3: on\n    session 5: on\n", sessions());
+    EXPECT_EQ("  low-power sessions: 2, aggregate on\n    session 3: on\n    session 5: on\n",
+              sessions());
     EXPECT_EQ(1, service->registrations);
     EXPECT_EQ(1, service->acquires);
 }
@@ -326,13 +357,16 @@ TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsThe
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesChangeNothing) {
     auto service = fake_power_state_service::register_default();
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
-    service->registration_accepted = false;  // no handler: the states are kept, the service left alone
+    service->registration_accepted =
+        false;  // no handler: the states are kept, the service left alone
     handle(kOff, 3);
     handle(kOn, 3);
     EXPECT_EQ(0, service->acquires + service->releases);
     service->registration_accepted = true;
     handle(kOff, 9);  // unknown session: not added, nothing else happens
-    EXPECT_EQ(1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(
+        1u, log_lines_containing("SNS_LOW_PWR_STATE_MSG invalid lps_session_id", ANDROID_LOG_ERROR)
+                .size());
     handle(3, 5);  // unknown message id
     EXPECT_THAT(sessions(), HasSubstr("sessions: 2, aggregate on\n"));
     EXPECT_EQ(0, service->acquires);
@@ -355,7 +389,8 @@ TEST_F(low_power_test, SensorStoreSwitchedOffDropsEveryMessage) {
     auto service = fake_power_state_service::register_default();
     ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
     for (uint8_t id : {0, 1, 2}) handle(id, 5);
-    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int DS is not supported", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(3u,
+              log_lines_containing("TAV_DUCTO_int DS is not supported", ANDROID_LOG_ERROR).size());
     EXPECT_THAT(sessions(), HasSubstr("session 5: on\n"));
     EXPECT_EQ(0, service->registrations);
 }

@@ -41,7 +41,8 @@ TEST(SupportTest, FilesThatCannotBeWrittenOrReadThrow) {
 
 TEST(SupportTest, OneLineMeansExactlyOneEndedLine) {
     EXPECT_TRUE(kivhal::test::is_one_line("usage\n"));
-    for (const char* text : {"", "usage", "\n\n", "a\nb\n"}) EXPECT_FALSE(kivhal::test::is_one_line(text)) << text;
+    for (const char* text : {"", "usage", "\n\n", "a\nb\n"})
+        EXPECT_FALSE(kivhal::test::is_one_line(text)) << text;
 }
 
 TEST(SupportTest, AStoppedProgramIsNeverSignalledAgain) {

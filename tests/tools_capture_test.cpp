@@ -1,16 +1,14 @@
 // The channel capture end to end: a session recorded in this process, replayed
 // by kivhal-coresim against a fresh connection, read by tshark with the
 // dissector; and the capture on paths it must refuse or outgrow.
+#include <android-base/unique_fd.h>
 #include <gmock/gmock.h>
-
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <android-base/unique_fd.h>
 
 #include <algorithm>
 #include <iostream>
@@ -55,7 +53,7 @@ std::string sessions_of(tav_interface& conn) {
 }
 
 class CaptureTest : public connection_test {
-protected:
+  protected:
     void SetUp() override {
         connection_test::SetUp();
         enable_sensor_store();
@@ -75,7 +73,8 @@ protected:
         core->set_auto_respond(true);
         sns_std_attr_event attributes;
         attributes.add_attributelist()->set_attributeid(0);
-        attributes.mutable_attributelist(0)->mutable_value()->add_elementlist()->set_stringvalue("accel");
+        attributes.mutable_attributelist(0)->mutable_value()->add_elementlist()->set_stringvalue(
+            "accel");
         core->set_attributes(kAccel, attributes);
         ASSERT_NO_FATAL_FAILURE(connect());
         ASSERT_NO_FATAL_FAILURE(drive(false));
@@ -89,7 +88,8 @@ protected:
         }
         image.add_record(sensorstore_image::channel_hash("other"), core_stub::make_report("", true));
         image.write(root);
-        core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len() - 8));
+        core->send_packet(
+            core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, image.area_len() - 8));
         core->send_packet(kOversize);  // dropped, and captured with the reason
         core->send_event(core_stub::make_event(kAccel, 1, "last"));
         ASSERT_TRUE(accel.wait_for(kEvents));
@@ -101,9 +101,11 @@ protected:
 
     // A replaying simulator on a fresh root.
     std::unique_ptr<tool_process> replay(const scoped_root& replay_root) {
-        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) replay_root.write_file(file, "");
+        for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"})
+            replay_root.write_file(file, "");
         auto sim = std::make_unique<tool_process>(
-            kSim, std::vector<std::string>{"--root", replay_root.path(), "--replay", capture, "--fast"});
+            kSim,
+            std::vector<std::string>{"--root", replay_root.path(), "--replay", capture, "--fast"});
         EXPECT_TRUE(sim->wait_for_output("replaying")) << sim->stop(SIGKILL).err;
         return sim;
     }
@@ -131,7 +133,8 @@ TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
     auto sim = replay(replay_root);
     event_recorder replayed;
     conn.reset(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
-    ASSERT_EQ(0, conn->register_cb(kAccel, replayed.response_callback(), nullptr, replayed.callback()));
+    ASSERT_EQ(
+        0, conn->register_cb(kAccel, replayed.response_callback(), nullptr, replayed.callback()));
     conn->send_request(kAccel, true, attribute_request(false), 0);
     ASSERT_TRUE(replayed.wait_for(kEvents)) << sim->out();
     EXPECT_EQ(recorded_sessions, sessions_of(*conn));
@@ -140,7 +143,8 @@ TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
     EXPECT_EQ(0, result.exit_code) << result.out << result.err;
     EXPECT_THAT(last_line(result.out), HasSubstr("requests as recorded"));
     struct stat image;  // the stored health records the replay wrote
-    ASSERT_EQ(0, stat(replay_root.host_path("/dev/block/bootdevice/by-name/sensorstore").c_str(), &image));
+    ASSERT_EQ(0, stat(replay_root.host_path("/dev/block/bootdevice/by-name/sensorstore").c_str(),
+                      &image));
     EXPECT_EQ(0600u, image.st_mode & 0777);
 
     ASSERT_EQ(recorded_events.size(), replayed.events().size());
@@ -175,14 +179,17 @@ TEST_F(CaptureTest, AChangedRequestIsADivergenceNamingTheField) {
     const std::string payload = attribute_request(true);
     std::copy(payload.begin(), payload.end(), streaming.begin() + SNS_DUCTO_REQ_HEAD_LEN);
 
-    const std::string frame = "diverged at packet " + std::to_string(recorded.records[0].frame) + " (request 1): ";
-    for (const auto& [packet, expected] : std::vector<std::pair<const std::vector<uint8_t>*, std::string>>{
+    const std::string frame =
+        "diverged at packet " + std::to_string(recorded.records[0].frame) + " (request 1): ";
+    for (const auto& [packet, expected] :
+         std::vector<std::pair<const std::vector<uint8_t>*, std::string>>{
              {&other_session, "head.session_id: recorded 0, actual 7"},
              {&streaming, "request.payload.streamUpdates: recorded false, actual true"},
              {nullptr, "the library hung up before sending it"}}) {
         scoped_root replay_root;
         auto sim = replay(replay_root);
-        ASSERT_NO_FATAL_FAILURE(send_raw(replay_root.host_path("/dev/ductopkt_vorla_sensors"), packet));
+        ASSERT_NO_FATAL_FAILURE(
+            send_raw(replay_root.host_path("/dev/ductopkt_vorla_sensors"), packet));
         const tool_result result = sim->stop(0);
         EXPECT_EQ(1, result.exit_code) << expected;
         EXPECT_EQ("kivhal-coresim: replay " + frame + expected, last_line(result.out));
@@ -190,32 +197,40 @@ TEST_F(CaptureTest, AChangedRequestIsADivergenceNamingTheField) {
 }
 
 TEST_F(CaptureTest, TsharkDecodesTheFramingAndTheProtobufPayloads) {
-    if (std::string(KIVHAL_TSHARK).empty()) GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh installs it)";
+    if (std::string(KIVHAL_TSHARK).empty())
+        GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh installs it)";
     ASSERT_NO_FATAL_FAILURE(record());
     const tool_result result = run_program(
-        KIVHAL_TSHARK, {"-r", capture, "-P", "-V", "-X",
-                        "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
-                        "-o", "uat:protobuf_search_paths:\"" + std::string(KIVHAL_SOURCE_DIR) + "/proto\",\"TRUE\""});
+        KIVHAL_TSHARK,
+        {"-r", capture, "-P", "-V", "-X",
+         "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
+         "-o",
+         "uat:protobuf_search_paths:\"" + std::string(KIVHAL_SOURCE_DIR) + "/proto\",\"TRUE\""});
     ASSERT_EQ(0, result.exit_code) << result.err;
     // Dates, not the boot clock's 1970.
     EXPECT_THAT(result.out, Not(HasSubstr("Arrival Time: Jan  1, 1970")));
     EXPECT_THAT(result.out, HasSubstr("Arrival Time: "));
-    for (const char* text : {"-> 0x20 SNS_AON_CLIENT_REQ_V01 msg_id 1", "<- 0x20 SNS_AON_CLIENT_RESP_V01",
-                             "<- 0x21 SNS_AON_CLIENT_REPORT_IND_V01 event 128",
-                             "<- 0x31 SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01 SNS_LOW_POWER_WRITE_INFO",
-                             "stored <- 0x22 SNS_AON_CLIENT_JUMBO_REPORT_IND_V01 event 1", "sensorstore header",
-                             "Client request id: 1", "Field(1): uidLow = 4369 (fixed64)",
-                             "Field(1): streamUpdates = false (bool)", "Field(1): attributeId = 0 (int32)",
-                             "Field(2): stringValue = accel (string)",
-                             "<- 0x21 SNS_AON_CLIENT_REPORT_IND_V01 [dropped: length field past the packet buffer]",
-                             "Dropped by the library: length field past the packet buffer (1)"}) {
+    for (const char* text :
+         {"-> 0x20 SNS_AON_CLIENT_REQ_V01 msg_id 1", "<- 0x20 SNS_AON_CLIENT_RESP_V01",
+          "<- 0x21 SNS_AON_CLIENT_REPORT_IND_V01 event 128",
+          "<- 0x31 SNS_AON_CLIENT_LOW_PWR_STATE_IND_V01 SNS_LOW_POWER_WRITE_INFO",
+          "stored <- 0x22 SNS_AON_CLIENT_JUMBO_REPORT_IND_V01 event 1", "sensorstore header",
+          "Client request id: 1", "Field(1): uidLow = 4369 (fixed64)",
+          "Field(1): streamUpdates = false (bool)", "Field(1): attributeId = 0 (int32)",
+          "Field(2): stringValue = accel (string)",
+          "<- 0x21 SNS_AON_CLIENT_REPORT_IND_V01 [dropped: length field past the packet buffer]",
+          "Dropped by the library: length field past the packet buffer (1)"}) {
         EXPECT_THAT(result.out, HasSubstr(text));
     }
     // A proto path that does not resolve is named, not silent.
     const tool_result unresolved = run_program(
-        KIVHAL_TSHARK, {"-r", capture, "-V", "-X", "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
-                        "-o", "uat:protobuf_search_paths:\"proto\",\"TRUE\""});
-    EXPECT_THAT(unresolved.out, HasSubstr("protobuf type sns_client_request_msg not found: set protobuf_search_paths"));
+        KIVHAL_TSHARK,
+        {"-r", capture, "-V", "-X",
+         "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
+         "-o", "uat:protobuf_search_paths:\"proto\",\"TRUE\""});
+    EXPECT_THAT(
+        unresolved.out,
+        HasSubstr("protobuf type sns_client_request_msg not found: set protobuf_search_paths"));
 }
 
 // Anything but a private regular file of this user with one link is refused
@@ -257,13 +272,15 @@ TEST_F(CaptureTest, HostilePathsAndAFullDiskLogOnceAndCarryOn) {
         for (int i = 0; i < 3; ++i) send(kAccel, kAttributeRequest);
         EXPECT_TRUE(answers.wait_responses(3)) << path;
         // The writer meets the limit within its second.
-        EXPECT_TRUE(eventually([&] { return log_contains("TAV_DUCTO capture to " + path); })) << path;
+        EXPECT_TRUE(eventually([&] { return log_contains("TAV_DUCTO capture to " + path); }))
+            << path;
         setrlimit(RLIMIT_FSIZE, &saved);
         const auto lines = log_lines_containing("TAV_DUCTO capture to " + path, ANDROID_LOG_ERROR);
         ASSERT_EQ(1u, lines.size()) << path;
         EXPECT_THAT(lines[0].text, AllOf(HasSubstr(line), HasSubstr("capture off")));
-        EXPECT_THAT(dump_of(*conn), HasSubstr(path == limited ? "  capture: off after an error, \"" + path
-                                                              : std::string("  capture: off\n")));
+        EXPECT_THAT(dump_of(*conn),
+                    HasSubstr(path == limited ? "  capture: off after an error, \"" + path
+                                              : std::string("  capture: off\n")));
         conn.reset();
     }
     EXPECT_EQ("keep", root.read_file("/victim"));
@@ -280,8 +297,8 @@ TEST_F(CaptureTest, HostilePathsAndAFullDiskLogOnceAndCarryOn) {
 }
 
 // Outbound records of `channel` (or the inbound ones), in file order.
-std::vector<const tools::capture_record*> packets(const tools::capture& c, const std::string& channel,
-                                                  bool outbound) {
+std::vector<const tools::capture_record*> packets(const tools::capture& c,
+                                                  const std::string& channel, bool outbound) {
     std::vector<const tools::capture_record*> out;
     for (const auto& r : c.records) {
         if (!r.sensorstore && r.channel == channel && r.outbound == outbound) out.push_back(&r);
@@ -298,7 +315,8 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
     // reader records the response before the sender is back. (The stand-in
     // writes through the same hook: its packets are shorter.)
     std::atomic<size_t> writes{0};
-    host::set_channel_hooks({nullptr, nullptr, [&](int fd, const void* buf, size_t len) {
+    host::set_channel_hooks({nullptr, nullptr,
+                             [&](int fd, const void* buf, size_t len) {
                                  const ssize_t n = host::real_write_node(fd, buf, len);
                                  if (len != 1013) return n;  // not a request
                                  const size_t sent = ++writes;
@@ -319,12 +337,14 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
 
     const tools::capture c = tools::read_capture(capture);
     // read_capture sorts by time, stable: file order is time order when no frame moved.
-    for (size_t i = 0; i < c.records.size(); ++i) ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
+    for (size_t i = 0; i < c.records.size(); ++i)
+        ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
     const auto requests = packets(c, kChannel, true), responses = packets(c, kChannel, false);
     ASSERT_EQ(size_t(2 * kPerThread), requests.size());
     ASSERT_EQ(requests.size(), responses.size());
     // The core answers in order: the k-th response answers the k-th request.
-    for (size_t k = 0; k < requests.size(); ++k) ASSERT_LT(requests[k]->frame, responses[k]->frame) << k;
+    for (size_t k = 0; k < requests.size(); ++k)
+        ASSERT_LT(requests[k]->frame, responses[k]->frame) << k;
 }
 
 TEST_F(CaptureTest, TwoConnectionsShareOneFileEachOnItsInterface) {
@@ -335,7 +355,8 @@ TEST_F(CaptureTest, TwoConnectionsShareOneFileEachOnItsInterface) {
     core->set_auto_respond(true);
     second_core.set_auto_respond(true);
     ASSERT_NO_FATAL_FAILURE(connect());
-    std::unique_ptr<tav_interface> second(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kSecond}));
+    std::unique_ptr<tav_interface> second(
+        tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kSecond}));
     ASSERT_TRUE(second_core.wait_connected(kWait));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
     ASSERT_EQ(0, second->register_cb(kGyro, gyro.response_callback(), nullptr, nullptr));
@@ -343,18 +364,21 @@ TEST_F(CaptureTest, TwoConnectionsShareOneFileEachOnItsInterface) {
         send(kAccel, kAttributeRequest, i);
         second->send_request(kGyro, true, request_payload(kGyro, kAttributeRequest), i);
     }
-    ASSERT_TRUE(eventually([&] { return accel.responses().size() + gyro.responses().size() == 2 * kRequests; }));
+    ASSERT_TRUE(eventually(
+        [&] { return accel.responses().size() + gyro.responses().size() == 2 * kRequests; }));
     conn.reset();  // the first one out leaves the file to the other
     second.reset();
 
     const tools::capture c = tools::read_capture(capture);
     EXPECT_EQ(2u, c.channel_interfaces);
     EXPECT_EQ(0u, c.dropped);
-    for (auto [stub, channel] : {std::pair<core_stub*, const char*>{core.get(), kChannel}, {&second_core, kSecond}}) {
+    for (auto [stub, channel] :
+         {std::pair<core_stub*, const char*>{core.get(), kChannel}, {&second_core, kSecond}}) {
         const auto sent = stub->take_requests();
         const auto recorded = packets(c, channel, true);
         ASSERT_EQ(sent.size(), recorded.size()) << channel;
-        for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(sent[i].raw, recorded[i]->bytes) << channel << " " << i;
+        for (size_t i = 0; i < sent.size(); ++i)
+            EXPECT_EQ(sent[i].raw, recorded[i]->bytes) << channel << " " << i;
         EXPECT_EQ(size_t(kRequests), packets(c, channel, false).size()) << channel;
     }
 }
@@ -365,24 +389,33 @@ enum class ending { exit_on_reader_thread, hang_up, kill_after_quiet_second };
 TEST(CaptureEndTest, ExitAHangUpAndAKillAfterAQuietSecondLoseNothing) {
     constexpr size_t kRequests = 10;
     TemporaryDir dir;
-    for (const auto& [how, expected_status] : std::vector<std::pair<ending, int>>{
-             {ending::exit_on_reader_thread, 3 << 8}, {ending::hang_up, 1 << 8}, {ending::kill_after_quiet_second, SIGKILL}}) {
-        const std::string path = std::string(dir.path) + "/end" + std::to_string(int(how)) + ".pcapng";
+    for (const auto& [how, expected_status] :
+         std::vector<std::pair<ending, int>>{{ending::exit_on_reader_thread, 3 << 8},
+                                             {ending::hang_up, 1 << 8},
+                                             {ending::kill_after_quiet_second, SIGKILL}}) {
+        const std::string path =
+            std::string(dir.path) + "/end" + std::to_string(int(how)) + ".pcapng";
         const pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
             // No gtest here: a failed step is the exit status.
             scoped_root root;
-            for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) root.write_file(file, "");
+            for (const char* file : {"/sys/power/wake_lock", "/sys/power/wake_unlock"})
+                root.write_file(file, "");
             auto core = std::make_unique<core_stub>(kChannel);
             core->set_auto_respond(true);
             host::set_property(kCaptureProperty, path);
             std::atomic<size_t> responses{0};
-            std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
-            conn->register_cb(kAccel, [&](uint32_t, uint64_t) {
-                if (++responses == kRequests && how == ending::exit_on_reader_thread) exit(3);
-            }, nullptr, nullptr);
-            for (size_t i = 0; i < kRequests; ++i) conn->send_request(kAccel, true, attribute_request(false), 0);
+            std::unique_ptr<tav_interface> conn(
+                tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kChannel}));
+            conn->register_cb(
+                kAccel,
+                [&](uint32_t, uint64_t) {
+                    if (++responses == kRequests && how == ending::exit_on_reader_thread) exit(3);
+                },
+                nullptr, nullptr);
+            for (size_t i = 0; i < kRequests; ++i)
+                conn->send_request(kAccel, true, attribute_request(false), 0);
             if (!eventually([&] { return responses == kRequests; })) _exit(10);
             if (how == ending::hang_up) core.reset();
             if (how == ending::kill_after_quiet_second) {
@@ -399,7 +432,8 @@ TEST(CaptureEndTest, ExitAHangUpAndAKillAfterAQuietSecondLoseNothing) {
             for (;;) pause();
         }
         int status = 0;
-        ASSERT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(10)))
+        ASSERT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; },
+                               std::chrono::seconds(10)))
             << "child " << int(how) << " hangs";
         EXPECT_EQ(expected_status, status) << int(how);
         const tools::capture c = tools::read_capture(path);
@@ -443,7 +477,8 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
 
     // A new start moves the session aside; one that never wrote a record
     // does not, so the session is still there after a failed start.
-    for (int start = 0; start < 2; ++start) ASSERT_TRUE(connection::channel_capture::open(path, "sensors"));
+    for (int start = 0; start < 2; ++start)
+        ASSERT_TRUE(connection::channel_capture::open(path, "sensors"));
     const tools::capture kept = tools::read_capture(path + ".1");
     ASSERT_EQ(size_t(kPerRound), kept.records.size());
     EXPECT_EQ(2, kept.records.back().bytes[0]);

@@ -59,7 +59,8 @@ void expect_lint(const std::string& contents, int exit_code, const std::string& 
         EXPECT_THAT(result.out, ::testing::HasSubstr(wanted));
     }
     // Nothing else: lines that are right stay unreported; the verdict ends it.
-    EXPECT_EQ(expected.size() + 1, static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));
+    EXPECT_EQ(expected.size() + 1,
+              static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')));
     EXPECT_EQ(verdict, last_line(result.out));
 }
 
@@ -67,47 +68,59 @@ TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
     const tool_result example = run_program(kLint, {kExampleConfig});
     EXPECT_EQ(0, example.exit_code);
     EXPECT_EQ("no problems found\n", example.out + example.err);
-    expect_lint(kBroken, 1, "14 errors, 0 warnings", {
-        {2, "error: <datatype> without \"type\": the parser never gets past it"},
-        {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
-        {4, "error: data_type_value \"0x10g0\" has non-hex digits"},
-        {6, "error: data type 0x1002 is defined again: this overwrites line 5"},
-        {8, "error: goal for data type 0x1001, which is not defined"},
-        {9, "error: threshold type \"double\" is not int, float or byte"},
-        {10, "error: comparison_type \"EQUAL\" is neither"},
-        {11, "error: threshold type \"int\" on data type 0x1002, whose output format is 2"},
-        {12, "error: byte threshold without \"type_value\""},
-        {12, "error: data type 0x5004 has output format 0"},
-        {15, "error: exercise data type \"Steps\" matches no data type"},
-        {16, "error: exercise 1 is defined again: this overwrites line 14"},
-        {16, "error: auto_start \"yes\" is not a boolean"},
-        {18, "error: <configuration> holds data types but has no \"type\""},
-    });
+    expect_lint(
+        kBroken, 1, "14 errors, 0 warnings",
+        {
+            {2, "error: <datatype> without \"type\": the parser never gets past it"},
+            {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
+            {4, "error: data_type_value \"0x10g0\" has non-hex digits"},
+            {6, "error: data type 0x1002 is defined again: this overwrites line 5"},
+            {8, "error: goal for data type 0x1001, which is not defined"},
+            {9, "error: threshold type \"double\" is not int, float or byte"},
+            {10, "error: comparison_type \"EQUAL\" is neither"},
+            {11, "error: threshold type \"int\" on data type 0x1002, whose output format is 2"},
+            {12, "error: byte threshold without \"type_value\""},
+            {12, "error: data type 0x5004 has output format 0"},
+            {15, "error: exercise data type \"Steps\" matches no data type"},
+            {16, "error: exercise 1 is defined again: this overwrites line 14"},
+            {16, "error: auto_start \"yes\" is not a boolean"},
+            {18, "error: <configuration> holds data types but has no \"type\""},
+        });
     // Values the parser silently changes: clamped, wrapped, negative, not text.
-    expect_lint("<configuration type=\"KIV_oem_datatype\"><datatypes>\n"
-                "  <datatype sensor_type=\"hr\" type=\"a\" data_type_value=\"0x1FFFFFFFF\"/>\n"
-                "  <datatype sensor_type=\"st\xff\" type=\"hr\" data_type_value=\"0x00001000\"/>\n"
-                "  </datatypes><goals><goal data_type_value=\"0x1000\">\n"
-                "  <threshold type=\"int\" type_value=\"99999999999999999999\" comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
-                "  <threshold type=\"int\" type_value=\"-2147483648\" comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
-                "  </goal></goals><autoExerciseType><exercisetype type=\"w\" sensor_type=\"hr\" exercise_num=\"-3\"/>\n"
-                "  <exercisetype type=\"r\" sensor_type=\"hr\" exercise_num=\"0x7fffffff\"/></autoExerciseType></configuration>\n",
-                1, "4 errors, 0 warnings", {
-        {2, "error: data_type_value \"0x1FFFFFFFF\" is beyond 0x7fffffff: the parser reads 0x7fffffff"},
-        {3, "error: sensor_type \"st\\xFF\" is not UTF-8 text"},
-        // The parser's int read narrows strtol's long: LONG_MAX is -1 in 32 bits on a 64-bit ABI.
-        {5, std::string("error: type_value \"99999999999999999999\" is beyond the 32-bit range: "
-                        "the parser reads ") +
-                (sizeof(long) == 8 ? "-1" : "2147483647")},
-        {7, "error: exercise_num \"-3\" is negative: exercise numbers count from 0"},
-    });
-    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1, "1 error, 0 warnings",
-                {{3, "error: not well-formed XML"}});
-    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1, "1 error, 0 warnings",
-                {{1, "error: no data type is defined"}});
-    expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings", {{2, "warning: unknown attribute \"colour\""},
-        {3, "warning: threshold type \"integer\" is read as \"int\""},
-        {5, "warning: sensor type \"exercise\" is no data type's"}});
+    expect_lint(
+        "<configuration type=\"KIV_oem_datatype\"><datatypes>\n"
+        "  <datatype sensor_type=\"hr\" type=\"a\" data_type_value=\"0x1FFFFFFFF\"/>\n"
+        "  <datatype sensor_type=\"st\xff\" type=\"hr\" data_type_value=\"0x00001000\"/>\n"
+        "  </datatypes><goals><goal data_type_value=\"0x1000\">\n"
+        "  <threshold type=\"int\" type_value=\"99999999999999999999\" "
+        "comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
+        "  <threshold type=\"int\" type_value=\"-2147483648\" "
+        "comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
+        "  </goal></goals><autoExerciseType><exercisetype type=\"w\" sensor_type=\"hr\" "
+        "exercise_num=\"-3\"/>\n"
+        "  <exercisetype type=\"r\" sensor_type=\"hr\" "
+        "exercise_num=\"0x7fffffff\"/></autoExerciseType></configuration>\n",
+        1, "4 errors, 0 warnings",
+        {
+            {2,
+             "error: data_type_value \"0x1FFFFFFFF\" is beyond 0x7fffffff: the parser reads "
+             "0x7fffffff"},
+            {3, "error: sensor_type \"st\\xFF\" is not UTF-8 text"},
+            // The parser's int read narrows strtol's long: LONG_MAX is -1 in 32 bits on a 64-bit ABI.
+            {5,
+             std::string("error: type_value \"99999999999999999999\" is beyond the 32-bit range: "
+                         "the parser reads ") +
+                 (sizeof(long) == 8 ? "-1" : "2147483647")},
+            {7, "error: exercise_num \"-3\" is negative: exercise numbers count from 0"},
+        });
+    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1,
+                "1 error, 0 warnings", {{3, "error: not well-formed XML"}});
+    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1,
+                "1 error, 0 warnings", {{1, "error: no data type is defined"}});
+    expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings",
+                {{2, "warning: unknown attribute \"colour\""},
+                 {3, "warning: threshold type \"integer\" is read as \"int\""},
+                 {5, "warning: sensor type \"exercise\" is no data type's"}});
 }
 
 TEST(LintTest, RefusesBadArgumentsAndWhatCannotBeAConfigurationAtOnce) {
@@ -122,8 +135,8 @@ TEST(LintTest, RefusesBadArgumentsAndWhatCannotBeAConfigurationAtOnce) {
     ASSERT_EQ(0, truncate(root.host_path("/huge.xml").c_str(), kLimit + 1));
     ASSERT_EQ(0, truncate(root.host_path("/limit.xml").c_str(), kLimit));
 
-    for (const std::string& path : {std::string("/dev/zero"), std::string("/tmp"), pipe,
-                                    root.host_path("/huge.xml")}) {
+    for (const std::string& path :
+         {std::string("/dev/zero"), std::string("/tmp"), pipe, root.host_path("/huge.xml")}) {
         expect_refused_at_once(kLint, {path});
     }
     // At the limit the file is read: zero bytes are no XML, an error finding.
@@ -164,38 +177,55 @@ TEST(SchemaTest, AgreesWithTheLinterAndLeavesItWhatOnlyItCanSay) {
         // Forms the parser reads as tinyxml2 does: words by their prefix,
         // numbers with trailing text, booleans as numbers and in three cases.
         {with(R"(type="int" type_value="180" comparison_type="LESS_THAN_OR_EQUAL")",
-              R"(type="integer" type_value="180" comparison_type="LESS_THAN_OR_EQUALS")"), nullptr, false},
+              R"(type="integer" type_value="180" comparison_type="LESS_THAN_OR_EQUALS")"),
+         nullptr, false},
         {with(R"(exercise_num="1" auto_start="true")",
-              R"(exercise_num="0x10" auto_start="1" auto_stop="FALSE" auto_pause="True")"), nullptr, false},
+              R"(exercise_num="0x10" auto_start="1" auto_stop="FALSE" auto_pause="True")"),
+         nullptr, false},
         {with("data_type_value=\"0x1001\"", "data_type_value=\"0X10aF\""), nullptr, false},
         // Errors the schema says too.
         {"<configuration type=\"x\"><datatypes>", "not well-formed XML", true},
         {"<settings/>\n", "no <configuration> element", true},
         {"<configuration type=\"x\"><goals/></configuration>\n", "no data type is defined", true},
-        {with("configuration type=\"KIV_oem_datatype\"", "configuration"), "holds data types but has no \"type\"", true},
-        {with("sensor_type=\"hr\" type=\"heart_rate\"", "type=\"heart_rate\""), "without \"sensor_type\"", true},
-        {with("sensor_type=\"hr\" type=\"heart_rate\"", "sensor_type=\"hr\""), "<datatype> without \"type\"", true},
+        {with("configuration type=\"KIV_oem_datatype\"", "configuration"),
+         "holds data types but has no \"type\"", true},
+        {with("sensor_type=\"hr\" type=\"heart_rate\"", "type=\"heart_rate\""),
+         "without \"sensor_type\"", true},
+        {with("sensor_type=\"hr\" type=\"heart_rate\"", "sensor_type=\"hr\""),
+         "<datatype> without \"type\"", true},
         {with("data_type_value=\"0x1001\"", ""), "without \"data_type_value\"", true},
         {with("data_type_value=\"0x1001\"", "data_type_value=\"0x\""), "has no digits", true},
-        {with("data_type_value=\"0x1001\"", "data_type_value=\"1001\""), "lacks the 0x prefix", true},
-        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x10g1\""), "has non-hex digits", true},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"1001\""), "lacks the 0x prefix",
+         true},
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x10g1\""), "has non-hex digits",
+         true},
         {with("type=\"int\"", "type=\"double\""), "is not int, float or byte", true},
         {with("type=\"int\" ", ""), "<threshold> without \"type\"", true},
-        {with("comparison_type=\"LESS_THAN_OR_EQUAL\"", "comparison_type=\"EQUAL\""), "is neither", true},
+        {with("comparison_type=\"LESS_THAN_OR_EQUAL\"", "comparison_type=\"EQUAL\""), "is neither",
+         true},
         {with("comparison_type=\"LESS_THAN_OR_EQUAL\"", ""), "without \"comparison_type\"", true},
-        {with("exercisetype type=\"walk\"", "exercisetype"), "<exercisetype> without \"type\"", true},
-        {with("sensor_type=\"hr\" exercise_num", "exercise_num"), "<exercisetype> without \"sensor_type\"", true},
-        {with("exercise_num=\"1\"", "exercise_num=\"one\""), "exercise_num \"one\" is not an integer", true},
-        {with("auto_start=\"true\"", "auto_start=\"yes\""), "auto_start \"yes\" is not a boolean", true},
+        {with("exercisetype type=\"walk\"", "exercisetype"), "<exercisetype> without \"type\"",
+         true},
+        {with("sensor_type=\"hr\" exercise_num", "exercise_num"),
+         "<exercisetype> without \"sensor_type\"", true},
+        {with("exercise_num=\"1\"", "exercise_num=\"one\""),
+         "exercise_num \"one\" is not an integer", true},
+        {with("auto_start=\"true\"", "auto_start=\"yes\""), "auto_start \"yes\" is not a boolean",
+         true},
         // Errors only the linter can say.
-        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x01000\""), "is defined again", false},
-        {with("<goal datatype=\"heart_rate\" data_type_value=\"0x1000\"", "<goal data_type_value=\"0x1002\""),
+        {with("data_type_value=\"0x1001\"", "data_type_value=\"0x01000\""), "is defined again",
+         false},
+        {with("<goal datatype=\"heart_rate\" data_type_value=\"0x1000\"",
+              "<goal data_type_value=\"0x1002\""),
          "which is not defined", false},
-        {with("type=\"int\" type_value=\"180\"", "type=\"byte\""), "byte threshold without \"type_value\"", false},
-        {with("type=\"int\" type_value=\"180\"", "type=\"int\" type_value=\"high\""), "is not an integer", false},
+        {with("type=\"int\" type_value=\"180\"", "type=\"byte\""),
+         "byte threshold without \"type_value\"", false},
+        {with("type=\"int\" type_value=\"180\"", "type=\"int\" type_value=\"high\""),
+         "is not an integer", false},
         {with("type=\"int\" type_value=\"180\"", "type=\"float\" type_value=\"180\""),
          "threshold type \"float\" on data type 0x1000", false},
-        {with("<datatype type=\"heart_rate\"/>", "<datatype type=\"steps\"/>"), "matches no data type", false},
+        {with("<datatype type=\"heart_rate\"/>", "<datatype type=\"steps\"/>"),
+         "matches no data type", false},
     };
     scoped_root root;
     const std::string path = root.host_path("/oem_config.xml");
@@ -204,8 +234,9 @@ TEST(SchemaTest, AgreesWithTheLinterAndLeavesItWhatOnlyItCanSay) {
         const tool_result linted = run_program(kLint, {path});
         EXPECT_EQ(c.lint_error != nullptr ? 1 : 0, linted.exit_code) << linted.out << c.contents;
         EXPECT_THAT(linted.out, ::testing::HasSubstr(c.lint_error != nullptr ? c.lint_error : ""));
-        const tool_result checked =
-            run_program(KIVHAL_XMLLINT, {"--noout", "--schema", std::string(KIVHAL_SOURCE_DIR) + "/schema/oem_config.xsd", path});
+        const tool_result checked = run_program(
+            KIVHAL_XMLLINT, {"--noout", "--schema",
+                             std::string(KIVHAL_SOURCE_DIR) + "/schema/oem_config.xsd", path});
         EXPECT_EQ(c.schema_rejects, checked.exit_code != 0) << checked.err << c.contents;
     }
 }

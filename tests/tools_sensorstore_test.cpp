@@ -17,7 +17,7 @@ constexpr uint16_t kJumbo = 0x22;
 const uint32_t kOwn = sensorstore_image::channel_hash("sensors");
 
 class SensorStoreDumpTest : public ::testing::Test {
-protected:
+  protected:
     tool_result dump(const std::string& contents, std::vector<std::string> extra = {}) {
         root.write_file(kSensorStorePartition, contents);
         extra.insert(extra.begin(), {"dump", root.host_path(kSensorStorePartition)});
@@ -34,42 +34,48 @@ protected:
 
 TEST_F(SensorStoreDumpTest, ListsEveryRecordAndMarksTheChannelsOwn) {
     // A partition is larger than what the core wrote.
-    const std::string image = bytes_of(sensorstore_image()
-                                           .add_record(kOwn, make_stored_packet(kJumbo, 40))
-                                           .add_record(sensorstore_image::channel_hash("other"),
-                                                       make_stored_packet(0x21, 20))
-                                           .add_record(kOwn, make_stored_packet(kJumbo, 10)),
-                                       4096);
+    const std::string image = bytes_of(
+        sensorstore_image()
+            .add_record(kOwn, make_stored_packet(kJumbo, 40))
+            .add_record(sensorstore_image::channel_hash("other"), make_stored_packet(0x21, 20))
+            .add_record(kOwn, make_stored_packet(kJumbo, 10)),
+        4096);
     const tool_result result = dump(image, {"--channel", "sensors"});
     EXPECT_EQ(0, result.exit_code) << result.out;
     char own[16];
     snprintf(own, sizeof(own), "0x%08x", kOwn);
-    for (const std::string& line : std::vector<std::string>{"header: data_len 90, reset_data_len 0 (data pending)",
-                                    "       8  " + std::string(own) + "  this     0x0022      40",
-                                    "other    0x0021      20", "      76  " + std::string(own) + "  this",
-                                    "walk: 3 records, ends exactly at data_len 90"}) {
+    for (const std::string& line : std::vector<std::string>{
+             "header: data_len 90, reset_data_len 0 (data pending)",
+             "       8  " + std::string(own) + "  this     0x0022      40",
+             "other    0x0021      20", "      76  " + std::string(own) + "  this",
+             "walk: 3 records, ends exactly at data_len 90"}) {
         EXPECT_THAT(result.out, ::testing::HasSubstr(line));
     }
 }
 
 TEST_F(SensorStoreDumpTest, CorruptImagesAreReportedWithoutCrashing) {
     // A freshly reset header, before and after the connection's mark, is an empty store.
-    for (const char* header : {"\x00\x00\x00\x00\x00\x00\x00\x00", "\x00\x00\x00\x00\x01\x00\x00\x00"}) {
+    for (const char* header :
+         {"\x00\x00\x00\x00\x00\x00\x00\x00", "\x00\x00\x00\x00\x01\x00\x00\x00"}) {
         const tool_result result = dump(std::string(header, 8));
         EXPECT_EQ(0, result.exit_code) << result.out;
         EXPECT_THAT(result.out, ::testing::HasSubstr("walk: 0 records, the store is empty"));
     }
     const std::pair<std::string, const char*> cases[] = {
-        {std::string("\x07\x00\x00\x00\x01\x00\x00\x00", 8), "data_len 7 is smaller than the header"},
+        {std::string("\x07\x00\x00\x00\x01\x00\x00\x00", 8),
+         "data_len 7 is smaller than the header"},
         {std::string("\x10\x00\x00", 3), "less than the 8-byte header"},
-        {bytes_of(sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).set_data_len(5000)),
+        {bytes_of(
+             sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).set_data_len(5000)),
          "runs past the end of the image"},
         {bytes_of(sensorstore_image().add_raw({0, 0, 0, 0, 0x22, 0, 0, 0, 0, 0}).set_data_len(40)),
          "does not cover the packet head"},
-        {bytes_of(sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).add_raw({1, 2})),
+        {bytes_of(
+             sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).add_raw({1, 2})),
          "its head runs past the end of the area"},
         // 4 GiB claimed in a 12-byte file: read no further than the file.
-        {bytes_of(sensorstore_image().add_raw({1, 2, 3, 4}).set_data_len(0xffffffff)), "runs past the end of the image"},
+        {bytes_of(sensorstore_image().add_raw({1, 2, 3, 4}).set_data_len(0xffffffff)),
+         "runs past the end of the image"},
     };
     for (const auto& [contents, expected] : cases) {
         const tool_result result = dump(contents);
@@ -79,8 +85,9 @@ TEST_F(SensorStoreDumpTest, CorruptImagesAreReportedWithoutCrashing) {
 }
 
 TEST_F(SensorStoreDumpTest, BadArgumentsAndWhatIsNeitherFileNorBlockDeviceAreRefusedAtOnce) {
-    expect_usage_errors(kTool, "Usage: kivhal-sensorstore dump IMAGE",
-                        {{}, {"list", "x"}, {"dump"}, {"dump", "/missing"}, {"dump", "a", "--channel"}});
+    expect_usage_errors(
+        kTool, "Usage: kivhal-sensorstore dump IMAGE",
+        {{}, {"list", "x"}, {"dump"}, {"dump", "/missing"}, {"dump", "a", "--channel"}});
     const std::string pipe = root.host_path("/pipe");
     ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
     for (const std::string& path : {std::string("/dev/zero"), std::string("/tmp"), pipe}) {

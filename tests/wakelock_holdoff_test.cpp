@@ -23,7 +23,7 @@ const std::string kName("KIVHAL_WAKEUP\0", 14);
 
 // Fires when the test moves the clock past the armed deadline.
 class virtual_timer_host : public wakelock_timer_host {
-public:
+  public:
     int64_t now_ns() override { return now; }
     void arm(int64_t deadline_ns) override {
         armed = deadline_ns;
@@ -40,8 +40,8 @@ public:
 };
 
 std::string dump_text(tav_interface& conn, const scoped_root& root) {
-    android::base::unique_fd fd(open(root.host_path("/dump").c_str(),
-                                     O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600));
+    android::base::unique_fd fd(
+        open(root.host_path("/dump").c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600));
     conn.dump(fd.get());
     return root.read_file("/dump");
 }
@@ -52,13 +52,14 @@ long others_cpu_ms() {
     getrusage(RUSAGE_SELF, &process);
     getrusage(RUSAGE_THREAD, &self);
     const auto ms = [](const rusage& r) {
-        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000;
+        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L +
+               (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000;
     };
     return ms(process) - ms(self);
 }
 
 class WakelockHoldoffTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         for (const char* file : {kLockFile, kUnlockFile}) root.write_file(file, "");
         host::set_property(kHoldoffProperty, "20");
@@ -79,7 +80,8 @@ protected:
 TEST_F(WakelockHoldoffTest, BurstsCloserThanTheWindowShareOneLockAndOneUnlock) {
     // Three bursts of ten reports 1 ms apart; the window runs from the last
     // report of a burst, which is 1 ms before the gap starts.
-    for (const auto& [gap_ms, pairs] : std::vector<std::pair<int, size_t>>{{18, 1}, {19, 3}, {60, 3}}) {
+    for (const auto& [gap_ms, pairs] :
+         std::vector<std::pair<int, size_t>>{{18, 1}, {19, 3}, {60, 3}}) {
         const size_t locks = writes(kLockFile), unlocks = writes(kUnlockFile), arms = timer.arms;
         for (int burst = 0; burst < 3; ++burst) {
             for (int i = 0; i < 10; ++i, timer.advance_ms(1)) report();
@@ -144,8 +146,9 @@ TEST_F(WakelockHoldoffTest, ABadSettingIsLoggedAndLeavesTheHoldoffOff) {
         host::set_property(kHoldoffProperty, value);
         wl = sns_wakelock::get_instance();
         EXPECT_EQ(0u, wl->holdoff_ms()) << value;
-        EXPECT_TRUE(log_contains(std::string(kHoldoffProperty) + " \"" + value + "\" is not a number",
-                                 ANDROID_LOG_ERROR));
+        EXPECT_TRUE(
+            log_contains(std::string(kHoldoffProperty) + " \"" + value + "\" is not a number",
+                         ANDROID_LOG_ERROR));
     }
 }
 
@@ -161,16 +164,20 @@ TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
     for (int i = 0; i < 50; ++i) core->send_event(core_stub::make_event(kAccel, 1, "x"));
     ASSERT_TRUE(accel.wait_for(50));
     // The reader gives its reference back after the callback returns.
-    EXPECT_TRUE(eventually([&] { return dump_has("    hold-off: 1000 ms, release pending, due in "); })) << dump;
+    EXPECT_TRUE(eventually([&] {
+        return dump_has("    hold-off: 1000 ms, release pending, due in ");
+    })) << dump;
     EXPECT_EQ(kName, root.read_file(kLockFile));
     double due_ms = -1;
     sscanf(dump.c_str() + dump.find("due in "), "due in %lf ms\n", &due_ms);
     EXPECT_TRUE(due_ms > 500 && due_ms <= 1000) << dump;
     // The worker sleeps out the window: the other threads stay idle meanwhile.
     const long cpu_ms = others_cpu_ms();
-    EXPECT_TRUE(eventually([&] { return dump_has("    hold-off: 1000 ms, no release pending\n"
-                                                 "    kernel writes: 1 lock, 1 unlock\n"); }))
-        << dump;
+    EXPECT_TRUE(eventually([&] {
+        return dump_has(
+            "    hold-off: 1000 ms, no release pending\n"
+            "    kernel writes: 1 lock, 1 unlock\n");
+    })) << dump;
     EXPECT_LT(others_cpu_ms() - cpu_ms, 200);
     EXPECT_EQ(kName, root.read_file(kUnlockFile));
 
@@ -191,7 +198,8 @@ TEST_F(connection_test, TheDumpShowsTheDueTimeInMillisecondsRoundedToOneDecimal)
     wl->get_n_locks(1);
     wl->put_n_locks(1);
     timer.now = 50001;
-    EXPECT_THAT(dump_text(*conn, root), HasSubstr("    hold-off: 20 ms, release pending, due in 19.9 ms\n"));
+    EXPECT_THAT(dump_text(*conn, root),
+                HasSubstr("    hold-off: 20 ms, release pending, due in 19.9 ms\n"));
     wl->remove_timer_host(&timer);
 }
 

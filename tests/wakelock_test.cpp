@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,8 +7,8 @@
 #include <thread>
 
 #include "connection_test_fixture.h"
-#include "kivhal/host.h"
 #include "kiv_log.h"
+#include "kivhal/host.h"
 #include "sns_wakelock.h"
 #include "test_support.h"
 
@@ -23,7 +22,7 @@ using kivhal::test::log_lines_containing;
 const std::string kName("KIVHAL_WAKEUP\0", 14);
 
 class WakelockTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { kiv_log::set_level(kiv_log::VERBOSE); }
 
     void create_kernel_files() {
@@ -74,10 +73,13 @@ TEST_F(WakelockTest, UnderflowAndOverflowAreRefusedAndPutAllDropsTheRest) {
 TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
     sns_wakelock* wl = sns_wakelock::get_instance();
     for (const std::string path : {"/sys/power/wake_lock", "/sys/power/wake_unlock"}) {
-        EXPECT_TRUE(kivhal::test::log_contains("fatal error opening \"" + path + "\": ", ANDROID_LOG_ERROR));
+        EXPECT_TRUE(kivhal::test::log_contains("fatal error opening \"" + path + "\": ",
+                                               ANDROID_LOG_ERROR));
     }
     const auto refusals = [] {
-        return log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP", ANDROID_LOG_ERROR).size();
+        return log_lines_containing("Not able to open fd for wakeup:KIVHAL_WAKEUP",
+                                    ANDROID_LOG_ERROR)
+            .size();
     };
     wl->get_n_locks(1);
     wl->get_n_locks(1);
@@ -93,10 +95,17 @@ TEST_F(WakelockTest, MissingKernelFilesOnlyLogButStillCount) {
 // A kernel file on descriptor 0 is closed with the lock like any other.
 TEST_F(WakelockTest, KernelFilesOnDescriptorZeroAreClosed) {
     root.write_file("/sys/power/wake_unlock", "");
-    for (const bool lock_file : {false, true}) {  // 0 goes to the unlock file, then to the lock file
+    for (const bool lock_file :
+         {false, true}) {  // 0 goes to the unlock file, then to the lock file
         if (lock_file) root.write_file("/sys/power/wake_lock", "");
-        EXPECT_EXIT({ close(0); delete sns_wakelock::get_instance(); _exit(fcntl(0, F_GETFD) == -1 ? 0 : 1); },
-                    ::testing::ExitedWithCode(0), "") << lock_file;
+        EXPECT_EXIT(
+            {
+                close(0);
+                delete sns_wakelock::get_instance();
+                _exit(fcntl(0, F_GETFD) == -1 ? 0 : 1);
+            },
+            ::testing::ExitedWithCode(0), "")
+            << lock_file;
     }
 }
 
@@ -114,7 +123,8 @@ TEST_F(WakelockTest, WaitForHeldWakesWhenAnotherThreadTakesTheLock) {
     // the wake-up can end its wait.
     ASSERT_TRUE(kivhal::test::eventually([&] {
         std::string stat;
-        android::base::ReadFileToString("/proc/self/task/" + std::to_string(waiter_tid) + "/stat", &stat);
+        android::base::ReadFileToString("/proc/self/task/" + std::to_string(waiter_tid) + "/stat",
+                                        &stat);
         return waiter_tid != 0 && stat.find(") S ") != std::string::npos;
     }));
     wl->get_n_locks(1);
@@ -137,7 +147,9 @@ TEST_F(WakelockTest, FailedUnlockKeepsTheLockHeldAndIsRetriedOnTheNextRelease) {
     wl->get_n_locks(1);
     wl->put_n_locks(1);
     EXPECT_EQ(locks(), kName);
-    EXPECT_EQ(2u, log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ", ANDROID_LOG_ERROR).size());
+    EXPECT_EQ(2u, log_lines_containing("failed in write:KIVHAL_WAKEUP wake unlock, error = ",
+                                       ANDROID_LOG_ERROR)
+                      .size());
 }
 
 // With a hold-off the connection's worker times the releases, racing the
@@ -148,8 +160,7 @@ TEST_P(WakelockThreadsTest, ReferencesFromSeveralThreadsBalanceOutAndReleaseTheL
     create_kernel_files();
     // Errors only: the log's own lock would order the threads and hide a race.
     kiv_log::set_level(kiv_log::ERROR);
-    kivhal::host::set_property("persist.vendor.kiv.wakelock_holdoff_ms",
-                                  std::to_string(GetParam()));
+    kivhal::host::set_property("persist.vendor.kiv.wakelock_holdoff_ms", std::to_string(GetParam()));
     kivhal::test::core_stub core("threads");
     std::unique_ptr<tav_interface> conn(tav_interface::create(TAV_DUCTO_CONNECTION, {"threads"}));
     sns_wakelock* wl = sns_wakelock::get_instance();

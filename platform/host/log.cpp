@@ -1,10 +1,10 @@
 #include <android/log.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 #include <deque>
 #include <mutex>
 #include <string>

@@ -107,7 +107,9 @@ ssize_t real_read_node(int fd, void* buf, size_t len) {
     return n;
 }
 
-ssize_t real_write_node(int fd, const void* buf, size_t len) { return write(fd, buf, len); }
+ssize_t real_write_node(int fd, const void* buf, size_t len) {
+    return write(fd, buf, len);
+}
 
 int real_poll_nodes(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
     int result = poll(fds, nfds, timeout_ms);

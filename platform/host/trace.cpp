@@ -16,8 +16,12 @@ extern "C" uint64_t atrace_get_enabled_tags(void) {
 namespace kivhal {
 namespace host {
 
-uint64_t trace_tag_queries() { return g_queries.load(std::memory_order_relaxed); }
-void reset_trace_tag_queries() { g_queries.store(0, std::memory_order_relaxed); }
+uint64_t trace_tag_queries() {
+    return g_queries.load(std::memory_order_relaxed);
+}
+void reset_trace_tag_queries() {
+    g_queries.store(0, std::memory_order_relaxed);
+}
 
 }  // namespace host
 }  // namespace kivhal

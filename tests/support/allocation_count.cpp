@@ -19,8 +19,12 @@ void* counted_malloc(size_t size) {
 namespace kivhal {
 namespace test {
 
-void count_allocations_on_this_thread(bool on) { t_counting = on; }
-uint64_t counted_allocations() { return g_allocations.load(); }
+void count_allocations_on_this_thread(bool on) {
+    t_counting = on;
+}
+uint64_t counted_allocations() {
+    return g_allocations.load();
+}
 
 }  // namespace test
 }  // namespace kivhal
@@ -33,11 +37,25 @@ void* operator new(size_t size) {
     if (void* p = counted_malloc(size)) return p;
     throw std::bad_alloc();
 }
-void* operator new[](size_t size) { return operator new(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return counted_malloc(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return counted_malloc(size); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
+void* operator new[](size_t size) {
+    return operator new(size);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return counted_malloc(size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+    return counted_malloc(size);
+}
+void operator delete(void* p) noexcept {
+    free(p);
+}
+void operator delete[](void* p) noexcept {
+    free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+    free(p);
+}
 #pragma GCC diagnostic pop

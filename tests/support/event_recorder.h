@@ -17,7 +17,7 @@ namespace kivhal {
 namespace test {
 
 class event_recorder {
-public:
+  public:
     struct event {
         std::string payload;
         uint64_t timestamp;
@@ -26,15 +26,24 @@ public:
 
     tav_event_cb callback() {
         return [this](const uint8_t* data, uint32_t length, uint64_t timestamp) {
-            record([&] { _events.push_back({std::string(reinterpret_cast<const char*>(data), length), timestamp}); });
+            record([&] {
+                _events.push_back(
+                    {std::string(reinterpret_cast<const char*>(data), length), timestamp});
+            });
         };
     }
     tav_resp_cb response_callback() {
-        return [this](uint32_t result, uint64_t client_id) { record([&] { _responses.emplace_back(result, client_id); }); };
+        return [this](uint32_t result, uint64_t client_id) {
+            record([&] { _responses.emplace_back(result, client_id); });
+        };
     }
     // At least `count` events (or responses) within two seconds.
-    bool wait_for(size_t count) { return wait([&] { return _events.size() >= count; }); }
-    bool wait_responses(size_t count) { return wait([&] { return _responses.size() >= count; }); }
+    bool wait_for(size_t count) {
+        return wait([&] { return _events.size() >= count; });
+    }
+    bool wait_responses(size_t count) {
+        return wait([&] { return _responses.size() >= count; });
+    }
 
     std::vector<event> events() const {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -45,7 +54,7 @@ public:
         return _responses;
     }
 
-private:
+  private:
     template <typename F>
     void record(F add) {
         std::lock_guard<std::mutex> lock(_mutex);

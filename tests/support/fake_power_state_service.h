@@ -13,20 +13,23 @@
 namespace kivhal {
 namespace test {
 
-class fake_power_state_service : public ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateService {
-public:
-    using IPowerStateCallback = ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateCallback;
+class fake_power_state_service
+    : public ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateService {
+  public:
+    using IPowerStateCallback =
+        ::vendor::zep::hardware::powerstateservice::V1_0::IPowerStateCallback;
     using hidl_string = ::android::hardware::hidl_string;
 
     // Registers a fresh fake as the "default" instance.
     static ::android::sp<fake_power_state_service> register_default() {
         ::android::sp<fake_power_state_service> service = new fake_power_state_service();
-        if (service->registerAsService("default") != ::android::OK) throw std::runtime_error("cannot register");
+        if (service->registerAsService("default") != ::android::OK)
+            throw std::runtime_error("cannot register");
         return service;
     }
 
-    ::android::hardware::Return<bool> registerDeepSleepClient(const ::android::sp<IPowerStateCallback>& callback,
-                                                              const hidl_string& name) override {
+    ::android::hardware::Return<bool> registerDeepSleepClient(
+        const ::android::sp<IPowerStateCallback>& callback, const hidl_string& name) override {
         std::lock_guard<std::mutex> lock(record(registrations, name));
         if (registration_accepted) _callback = callback;
         return registration_accepted.load();
@@ -51,14 +54,15 @@ public:
     std::atomic<bool> registration_accepted{true}, wakelock_calls_fail{false};
     std::atomic<int> registrations{0}, acquires{0}, releases{0};
 
-private:
+  private:
     std::mutex& record(std::atomic<int>& counter, const hidl_string& name) {
         std::lock_guard<std::mutex> lock(_mutex);
         _client_names += std::string(name) + ";";
         ++counter;
         return _mutex;
     }
-    ::android::hardware::Return<void> wakelock_call(std::atomic<int>& counter, const hidl_string& name) {
+    ::android::hardware::Return<void> wakelock_call(std::atomic<int>& counter,
+                                                    const hidl_string& name) {
         record(counter, name);
         if (!wakelock_calls_fail) return ::android::hardware::Void();
         using ::android::hardware::Status;

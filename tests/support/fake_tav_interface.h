@@ -41,22 +41,26 @@ struct fake_request {
 };
 
 class fake_tav_interface : public tav_interface {
-public:
-    int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb, tav_event_cb event_cb) override;
+  public:
+    int register_cb(sensor_uid suid, tav_resp_cb resp_cb, tav_error_cb error_cb,
+                    tav_event_cb event_cb) override;
     int send_request(sensor_uid suid, bool flag, std::string payload, int session_id) override;
 
     // Lookups of `data_type` are answered with `suids`, in request order; with
     // `attributes`, so are those sensors' attribute requests.
-    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids, bool attributes = false);
+    void add_sensor_type(const std::string& data_type, std::vector<sensor_uid> suids,
+                         bool attributes = false);
     const std::vector<fake_request>& requests() const { return _requests; }
     // Set: answers wait for deliver_held() instead of coming at once.
     bool hold_answers = false;
     void deliver_held();
 
-    static std::string make_lookup_event(const std::string& data_type, const std::vector<sensor_uid>& suids);
-    static std::string make_event_msg(sensor_uid suid, const std::vector<std::pair<uint32_t, std::string>>& events);
+    static std::string make_lookup_event(const std::string& data_type,
+                                         const std::vector<sensor_uid>& suids);
+    static std::string make_event_msg(sensor_uid suid,
+                                      const std::vector<std::pair<uint32_t, std::string>>& events);
 
-private:
+  private:
     std::vector<fake_request> _requests;
     std::vector<std::pair<tav_event_cb, std::string>> _held;
     std::unordered_map<sensor_uid, tav_event_cb, sensor_uid_hash> _callbacks;

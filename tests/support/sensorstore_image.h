@@ -14,7 +14,7 @@ namespace kivhal {
 namespace test {
 
 class sensorstore_image {
-public:
+  public:
     // The channel hash a connection on `channel_name` looks for.
     static uint32_t channel_hash(const std::string& channel_name);
 
@@ -38,7 +38,7 @@ public:
     // bytes when that is larger.
     void write(const scoped_root& root, size_t size = 0) const;
 
-private:
+  private:
     std::vector<uint8_t> _records;
     std::optional<uint32_t> _data_len;
     uint32_t _reset_data_len = 0;

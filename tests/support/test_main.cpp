@@ -13,26 +13,29 @@ namespace {
 
 // The library's operations that may write a log line, and the tests' own bodies.
 const std::set<std::string> kOperations = {
-    "get_aon_prop", "is_ds_supported", "is_oda_supported", "check_kiv_trace_support_flag", "TestBody",
+    "get_aon_prop", "is_ds_supported", "is_oda_supported", "check_kiv_trace_support_flag",
+    "TestBody",
     // Connection.
-    "tav_ducto", "~tav_ducto", "ducto_connect", "ducto_open", "ducto_read", "ducto_write", "ducto_disconnect",
-    "ducto_error_handler", "ducto_thread_routine", "ducto_response_handler", "ducto_indication_handler",
-    "update_suid", "trigger_event_cb", "initialize_client_req_id_db", "allocate_client_req_id",
-    "free_client_req_id", "update_suid_map_table", "register_cb", "send_request", "run", "start_file", "switch_off",
-    "attach", "add_interface",
+    "tav_ducto", "~tav_ducto", "ducto_connect", "ducto_open", "ducto_read", "ducto_write",
+    "ducto_disconnect", "ducto_error_handler", "ducto_thread_routine", "ducto_response_handler",
+    "ducto_indication_handler", "update_suid", "trigger_event_cb", "initialize_client_req_id_db",
+    "allocate_client_req_id", "free_client_req_id", "update_suid_map_table", "register_cb",
+    "send_request", "run", "start_file", "switch_off", "attach", "add_interface",
     // Discovery.
-    "~kiv_sensor_factory", "startDiscovery", "is_registry_up", "discover_sensors", "wait_for_sensors", "request_suid",
-    "registry_lookup_callback", "default_suids_lookup_callback", "handle_suids_lookup_callback",
-    "retrieve_attributes", "default_attributes_lookup_callback", "handle_attribute_event", "init_mandatory_list_db",
-    "update_mandatory_list_database", "wait_for_mandatory_sensors",
+    "~kiv_sensor_factory", "startDiscovery", "is_registry_up", "discover_sensors",
+    "wait_for_sensors", "request_suid", "registry_lookup_callback", "default_suids_lookup_callback",
+    "handle_suids_lookup_callback", "retrieve_attributes", "default_attributes_lookup_callback",
+    "handle_attribute_event", "init_mandatory_list_db", "update_mandatory_list_database",
+    "wait_for_mandatory_sensors",
     // Catalogue.
-    "parseOEMConfig", "hexStrToDec", "listAvailableSensorTypes", "getSupportedMetricsTypes", "getSupportedGoals",
-    "isGoalSupported", "getAutoStartList", "getAutoStopList", "getAutoPauseList",
+    "parseOEMConfig", "hexStrToDec", "listAvailableSensorTypes", "getSupportedMetricsTypes",
+    "getSupportedGoals", "isGoalSupported", "getAutoStartList", "getAutoStopList",
+    "getAutoPauseList",
     // Low-power state, sensor store and wake locks.
     "tav_handle_low_power_state_msg", "tav_process_low_power_sensor_store_write_info",
-    "tav_update_sensorstore_header_reset_field", "tav_sensorstore_write", "get_sns_low_power_state_handler",
-    "power_state_callback_impl", "acquire_wakelock", "release_wakelock", "sns_wakelock", "acquire", "release",
-    "get_n_locks", "put_n_locks"};
+    "tav_update_sensorstore_header_reset_field", "tav_sensorstore_write",
+    "get_sns_low_power_state_handler", "power_state_callback_impl", "acquire_wakelock",
+    "release_wakelock", "sns_wakelock", "acquire", "release", "get_n_locks", "put_n_locks"};
 
 constexpr int kReportedLines = 5;
 

@@ -47,7 +47,8 @@ bool scoped_root::exists(const std::string& device_path) const {
 std::vector<host::log_line> log_lines_containing(const std::string& needle, int priority) {
     std::vector<host::log_line> found;
     for (const host::log_line& line : host::captured_log()) {
-        if (line.text.find(needle) != std::string::npos && (priority < 0 || line.priority == priority)) {
+        if (line.text.find(needle) != std::string::npos &&
+            (priority < 0 || line.priority == priority)) {
             found.push_back(line);
         }
     }

@@ -19,7 +19,7 @@ namespace test {
 // A fresh directory that stands in for the device's root filesystem while it
 // lives: $KIVHAL_ROOT points at it, and it is removed with its contents.
 class scoped_root {
-public:
+  public:
     scoped_root();
     ~scoped_root();
     scoped_root(const scoped_root&) = delete;
@@ -34,7 +34,7 @@ public:
     std::string read_file(const std::string& device_path) const;
     bool exists(const std::string& device_path) const;
 
-private:
+  private:
     TemporaryDir _dir;
     std::optional<std::string> _previous_root;
 };

@@ -43,7 +43,8 @@ std::string contents_of(const TemporaryFile& file) {
 tool_process::tool_process(const std::string& path, const std::vector<std::string>& args) {
     std::vector<std::string> storage;
     const char* emulator = getenv(kEmulatorEnv);
-    if (emulator != nullptr && *emulator != '\0' && is_arm_program(path)) storage.emplace_back(emulator);
+    if (emulator != nullptr && *emulator != '\0' && is_arm_program(path))
+        storage.emplace_back(emulator);
     storage.push_back(path);
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -55,9 +56,11 @@ tool_process::tool_process(const std::string& path, const std::vector<std::strin
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, _out.fd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, _err.fd, STDERR_FILENO);
-    const int error = posix_spawn(&_pid, storage.front().c_str(), &actions, nullptr, argv.data(), environ);
+    const int error =
+        posix_spawn(&_pid, storage.front().c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw std::runtime_error("posix_spawn " + storage.front() + ": " + strerror(error));
+    if (error != 0)
+        throw std::runtime_error("posix_spawn " + storage.front() + ": " + strerror(error));
 }
 
 tool_process::~tool_process() {
@@ -68,9 +71,12 @@ tool_process::~tool_process() {
     }
 }
 
-std::string tool_process::out() const { return contents_of(_out); }
+std::string tool_process::out() const {
+    return contents_of(_out);
+}
 
-bool tool_process::wait_for_output(const std::string& needle, std::chrono::milliseconds timeout) const {
+bool tool_process::wait_for_output(const std::string& needle,
+                                   std::chrono::milliseconds timeout) const {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (out().find(needle) == std::string::npos) {
         if (std::chrono::steady_clock::now() >= deadline) return false;

@@ -20,7 +20,7 @@ struct tool_result {
 };
 
 class tool_process {
-public:
+  public:
     // Starts `path` with `args`; throws std::runtime_error when it cannot.
     tool_process(const std::string& path, const std::vector<std::string>& args);
     ~tool_process();  // kills a program still running
@@ -35,9 +35,10 @@ public:
     // program is killed. Once it has ended, later calls signal nothing and
     // return the same status. Throws std::runtime_error when the program's
     // status cannot be collected.
-    tool_result stop(int signal_number, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    tool_result stop(int signal_number,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-private:
+  private:
     pid_t _pid = -1;
     bool _reaped = false;  // from then on _pid is no child of ours
     int _exit_code = -1;
@@ -60,7 +61,9 @@ inline bool is_one_line(const std::string& text) {
 #include <gmock/gmock.h>
 namespace kivhal {
 namespace test {
-inline std::string tool(const char* name) { return std::string(KIVHAL_TOOLS_DIR) + "/" + name; }
+inline std::string tool(const char* name) {
+    return std::string(KIVHAL_TOOLS_DIR) + "/" + name;
+}
 const std::string kExampleConfig = std::string(KIVHAL_SOURCE_DIR) + "/examples/oem_config.xml";
 
 // The last line of `text`, without its newline.

@@ -7,7 +7,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-
 #include <time.h>
 
 #include <cstdint>
@@ -22,7 +21,7 @@ namespace kivhal {
 namespace test {
 
 class virtual_clock : public discovery::discovery_clock {
-public:
+  public:
     // Starts well away from zero: discovery treats a time stamp of 0 as none.
     static constexpr int64_t kStartNs = 1000LL * 1000 * 1000 * 1000;
 
@@ -68,7 +67,7 @@ public:
         return _pauses;
     }
 
-private:
+  private:
     void pass(int64_t ns) {
         std::lock_guard<std::mutex> lock(_mutex);
         _now += ns;

@@ -1,10 +1,9 @@
 #include "input_file.h"
 
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <android-base/unique_fd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -42,14 +41,16 @@ uint64_t block_device_size(const std::string& path) {
 
 uint64_t check_input_file(const std::string& path, input_kind accepted, uint64_t max_size) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) throw usage_error("cannot read " + path + ": " + strerror(errno));
+    if (stat(path.c_str(), &st) != 0)
+        throw usage_error("cannot read " + path + ": " + strerror(errno));
     if (!accepted_kind(st.st_mode, accepted)) {
-        const char* wanted = accepted == input_kind::regular_file ? "a regular file"
-                                                                  : "a regular file or block device";
+        const char* wanted = accepted == input_kind::regular_file
+                                 ? "a regular file"
+                                 : "a regular file or block device";
         throw usage_error("cannot read " + path + ": " + kind_name(st.st_mode) + ", not " + wanted);
     }
-    const uint64_t size = S_ISBLK(st.st_mode) ? block_device_size(path)
-                                               : static_cast<uint64_t>(st.st_size);
+    const uint64_t size =
+        S_ISBLK(st.st_mode) ? block_device_size(path) : static_cast<uint64_t>(st.st_size);
     if (size > max_size) {
         throw usage_error("cannot read " + path + ": " + std::to_string(size) +
                           " bytes, over the limit of " + std::to_string(max_size) + " bytes");

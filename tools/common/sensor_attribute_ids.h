@@ -25,10 +25,14 @@ enum stream_type : int64_t {
 
 inline const char* stream_type_name(int64_t type) {
     switch (type) {
-        case kStreamStreaming: return "streaming";
-        case kStreamOnChange: return "on-change";
-        case kStreamSingleOutput: return "single-output";
-        default: return "unknown";
+        case kStreamStreaming:
+            return "streaming";
+        case kStreamOnChange:
+            return "on-change";
+        case kStreamSingleOutput:
+            return "single-output";
+        default:
+            return "unknown";
     }
 }
 

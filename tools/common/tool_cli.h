@@ -15,21 +15,21 @@ constexpr int kExitUsage = 2;
 
 // A bad argument or an unusable input file; the message is the whole line.
 class usage_error : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // Good arguments, but the run failed; the message says what happened and,
 // where it can, what to do about it. Printed without the pointer to --help.
 class tool_error : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // Walks argv once. Options take their value either as the next argument or
 // after '=' ("--root DIR", "--root=DIR").
 class arg_reader {
-public:
+  public:
     arg_reader(int argc, char** argv) : _argc(argc), _argv(argv) {}
 
     bool done() const { return _index >= _argc; }
@@ -38,7 +38,7 @@ public:
     // The value of the option just returned by next().
     std::string value();
 
-private:
+  private:
     int _argc;
     char** _argv;
     int _index = 1;

@@ -35,7 +35,7 @@ T load(const uint8_t* p) {
 }
 
 class capture_parser {
-public:
+  public:
     capture_parser(const std::string& name, const uint8_t* data, size_t size)
         : _name(name), _data(data), _size(size) {}
 
@@ -50,14 +50,15 @@ public:
             const uint32_t len = load<uint32_t>(_data + pos + 4);
             if (len < kBlockOverhead || len % 4 != 0) refuse_at(pos, "bad block length");
             if (len > _size - pos) return cut_short();
-            if (load<uint32_t>(_data + pos + len - 4) != len) refuse_at(pos, "block lengths differ");
+            if (load<uint32_t>(_data + pos + len - 4) != len)
+                refuse_at(pos, "block lengths differ");
             block(type, _data + pos, len, pos);
             pos += len;
         }
         return finish();
     }
 
-private:
+  private:
     [[noreturn]] void refuse(const std::string& why) const {
         throw usage_error(_name + " is not a capture of the library: " + why);
     }
@@ -125,7 +126,8 @@ private:
         if (interface_id >= _linktypes.size()) refuse_at(pos, "packet of an undeclared interface");
         if (captured > len - kEpbFixedLen - 4) refuse_at(pos, "packet longer than its block");
         const size_t options = kEpbFixedLen + ((static_cast<size_t>(captured) + 3) & ~size_t{3});
-        const std::string flags = options <= len - 4 ? option(b + options, b + len - 4, kOptEpbFlags) : "";
+        const std::string flags =
+            options <= len - 4 ? option(b + options, b + len - 4, kOptEpbFlags) : "";
         const uint32_t flag_bits =
             flags.size() == 4 ? load<uint32_t>(reinterpret_cast<const uint8_t*>(flags.data())) : 0;
         const uint32_t direction = flag_bits & kDirectionMask;
@@ -138,7 +140,8 @@ private:
         record.outbound = direction == kEpbFlagsOutbound;
         record.channel = _channels[interface_id];
         record.reason = static_cast<uint8_t>((flag_bits >> kEpbReasonShift) & kEpbReasonMask);
-        record.timestamp_ns = (static_cast<uint64_t>(load<uint32_t>(b + 12)) << 32) | load<uint32_t>(b + 16);
+        record.timestamp_ns =
+            (static_cast<uint64_t>(load<uint32_t>(b + 12)) << 32) | load<uint32_t>(b + 16);
         record.bytes.assign(b + kEpbFixedLen, b + kEpbFixedLen + captured);
         _result.records.push_back(std::move(record));
     }

@@ -15,7 +15,7 @@ namespace tools {
 constexpr uint64_t kMaxCaptureFileSize = 32 * 1024 * 1024;
 
 struct capture_record {
-    size_t frame = 0;         // 1-based position in the file, as Wireshark numbers it
+    size_t frame = 0;          // 1-based position in the file, as Wireshark numbers it
     bool sensorstore = false;  // a partition record, not a channel packet
     bool outbound = false;     // written by the library
     uint64_t timestamp_ns = 0;

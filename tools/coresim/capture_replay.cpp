@@ -66,18 +66,21 @@ void describe_inner(const sns_client_request_msg& msg, std::vector<request_field
     }
     const std::string& payload = msg.request().payload();
     const sensor_uid suid{msg.suid().uidlow(), msg.suid().uidhigh()};
-    const bool lookup_service = suid == test::core_stub::lookup_suid() &&
-                                (msg.msg_id() == kLookupRequestMsgId ||
-                                 msg.msg_id() == kDisableRequestMsgId);
+    const bool lookup_service =
+        suid == test::core_stub::lookup_suid() &&
+        (msg.msg_id() == kLookupRequestMsgId || msg.msg_id() == kDisableRequestMsgId);
     if (lookup_service) {
         sns_suid_req req;
         if (!req.ParseFromString(payload)) {
             out->push_back({"request.payload", "undecodable"});
             return;
         }
-        out->push_back({"request.payload.dataTypeName", quoted(req.has_datatypename(), req.datatypename())});
-        out->push_back({"request.payload.streamUpdates", bool_text(req.has_streamupdates(), req.streamupdates())});
-        out->push_back({"request.payload.lookupOption", bool_text(req.has_lookupoption(), req.lookupoption())});
+        out->push_back(
+            {"request.payload.dataTypeName", quoted(req.has_datatypename(), req.datatypename())});
+        out->push_back({"request.payload.streamUpdates",
+                        bool_text(req.has_streamupdates(), req.streamupdates())});
+        out->push_back({"request.payload.lookupOption",
+                        bool_text(req.has_lookupoption(), req.lookupoption())});
         return;
     }
     sns_std_attr_req req;
@@ -85,7 +88,8 @@ void describe_inner(const sns_client_request_msg& msg, std::vector<request_field
         out->push_back({"request.payload", "undecodable"});
         return;
     }
-    out->push_back({"request.payload.streamUpdates", bool_text(req.has_streamupdates(), req.streamupdates())});
+    out->push_back(
+        {"request.payload.streamUpdates", bool_text(req.has_streamupdates(), req.streamupdates())});
 }
 
 void describe_envelope(const std::string& payload, std::vector<request_field>* out) {
@@ -126,8 +130,9 @@ void prepare_partition(const std::string& path) {
     std::error_code error;
     if (std::filesystem::exists(path, error)) return;
     const uint32_t header[2] = {0, kNoDataResetField};
-    write_sensorstore(path, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(header),
-                                                 reinterpret_cast<const uint8_t*>(header) + sizeof(header)));
+    write_sensorstore(
+        path, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(header),
+                                   reinterpret_cast<const uint8_t*>(header) + sizeof(header)));
 }
 
 // Lengths come last: a changed name is a better answer than the length it
@@ -146,9 +151,10 @@ std::vector<request_field> describe_request(const std::vector<uint8_t>& packet) 
     out.push_back({"head.flag", std::to_string(packet[8])});
     const uint32_t payload_len = load<uint32_t>(packet, 9);
     const size_t available = packet.size() - SNS_DUCTO_REQ_HEAD_LEN;
-    describe_envelope(std::string(reinterpret_cast<const char*>(packet.data()) + SNS_DUCTO_REQ_HEAD_LEN,
-                                  std::min<size_t>(payload_len, available)),
-                      &out);
+    describe_envelope(
+        std::string(reinterpret_cast<const char*>(packet.data()) + SNS_DUCTO_REQ_HEAD_LEN,
+                    std::min<size_t>(payload_len, available)),
+        &out);
     out.push_back({"head.payload_len", std::to_string(payload_len)});
     out.push_back(length);
     return out;
@@ -178,7 +184,7 @@ std::string first_difference(const std::vector<uint8_t>& recorded,
 namespace {
 
 class replayer {
-public:
+  public:
     replayer(const capture& capture, test::core_stub& core, const replay_options& options,
              const sigset_t& stop_signals)
         : _capture(capture), _core(core), _options(options), _stop_signals(stop_signals) {}
@@ -210,12 +216,13 @@ public:
                             " was not recorded (" + summary(_pending.front().raw) + ")");
         }
         const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
-        printf("%s: replay of %s matched: %zu packets, %zu requests as recorded, %zu sent in %.1f s\n",
-               kTool, _options.file.c_str(), _capture.records.size(), _requests, _sent, seconds);
+        printf(
+            "%s: replay of %s matched: %zu packets, %zu requests as recorded, %zu sent in %.1f s\n",
+            kTool, _options.file.c_str(), _capture.records.size(), _requests, _sent, seconds);
         return 0;
     }
 
-private:
+  private:
     // Runs `ready` until it holds; false when a stop signal came first.
     template <typename Ready>
     bool wait(Ready ready) {
@@ -247,20 +254,24 @@ private:
     // -1 to go on, else the exit status.
     int expect_request(const capture_record& record) {
         ++_requests;
-        if (!wait([&] { return take_requests() || !_core.connected(); })) return stopped(at(record));
+        if (!wait([&] { return take_requests() || !_core.connected(); }))
+            return stopped(at(record));
         drain();
-        if (_pending.empty()) return diverged(at(record) + ": the library hung up before sending it");
+        if (_pending.empty())
+            return diverged(at(record) + ": the library hung up before sending it");
         const std::vector<uint8_t> actual = std::move(_pending.front().raw);
         _pending.pop_front();
         const std::string difference = first_difference(record.bytes, actual);
         if (!difference.empty()) return diverged(at(record) + ": " + difference);
-        if (_options.verbose) printf("%s: request %zu as recorded (%s)\n", kTool, _requests, summary(actual).c_str());
+        if (_options.verbose)
+            printf("%s: request %zu as recorded (%s)\n", kTool, _requests, summary(actual).c_str());
         return -1;
     }
 
     int send(size_t index) {
         const capture_record& record = _capture.records[index];
-        if (!_options.fast && !wait([&] { return gap_elapsed(record); })) return stopped(at(record));
+        if (!_options.fast && !wait([&] { return gap_elapsed(record); }))
+            return stopped(at(record));
         if (is_write_info(record)) write_image(index);
         if (!_core.send_packet(record.bytes)) {
             return diverged(at(record) + ": the library hung up before it was sent");
@@ -270,7 +281,8 @@ private:
     }
 
     bool gap_elapsed(const capture_record& record) {
-        const auto gap = std::chrono::nanoseconds(record.timestamp_ns > _last_ts ? record.timestamp_ns - _last_ts : 0);
+        const auto gap = std::chrono::nanoseconds(
+            record.timestamp_ns > _last_ts ? record.timestamp_ns - _last_ts : 0);
         const auto due = _last_time + gap;
         const auto now = steady_clock::now();
         if (now >= due) return true;
@@ -302,10 +314,13 @@ private:
         }
         if (image.empty()) return;
         write_partition(image);
-        if (_options.verbose) printf("%s: sensorstore image of %s written\n", kTool, image_text(image).c_str());
+        if (_options.verbose)
+            printf("%s: sensorstore image of %s written\n", kTool, image_text(image).c_str());
     }
 
-    void write_partition(const std::vector<uint8_t>& image) { write_sensorstore(_options.partition_path, image); }
+    void write_partition(const std::vector<uint8_t>& image) {
+        write_sensorstore(_options.partition_path, image);
+    }
 
     std::string at(const capture_record& record) const {
         std::string text = "at packet " + std::to_string(record.frame);
@@ -316,7 +331,8 @@ private:
     static std::string summary(const std::vector<uint8_t>& packet) {
         std::string text;
         for (const auto& field : describe_request(packet)) {
-            if (field.name == "suid" || field.name == "msg_id" || field.name.rfind("request.payload.", 0) == 0) {
+            if (field.name == "suid" || field.name == "msg_id" ||
+                field.name.rfind("request.payload.", 0) == 0) {
                 text += (text.empty() ? "" : ", ") + field.name + " " + field.value;
             }
         }

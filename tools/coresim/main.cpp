@@ -130,7 +130,8 @@ sigset_t block_stop_signals() {
 std::string socket_path_of(const std::string& channel) {
     const std::string socket_path = kivhal::platform::resolve_path(kDevNodePrefix + channel);
     if (is_served(socket_path)) {
-        throw tool_error(socket_path + " is served by a running kivhal-coresim already; stop it "
+        throw tool_error(socket_path +
+                         " is served by a running kivhal-coresim already; stop it "
                          "first or pass another --root or --channel");
     }
     return socket_path;
@@ -143,8 +144,9 @@ int replay(replay_options options, std::string channel) {
     options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
     prepare_partition(options.partition_path);
     const size_t requests = static_cast<size_t>(std::count_if(
-        recorded.records.begin(), recorded.records.end(),
-        [&](const capture_record& r) { return r.outbound && !r.sensorstore && r.channel == recorded.channel; }));
+        recorded.records.begin(), recorded.records.end(), [&](const capture_record& r) {
+            return r.outbound && !r.sensorstore && r.channel == recorded.channel;
+        }));
     const sigset_t stop_signals = block_stop_signals();
     kivhal::test::core_stub core(channel);
     printf("%s: replaying %s on %s: %zu packets, %zu requests to check%s\n", kTool,
@@ -194,14 +196,18 @@ int run(int argc, char** argv) {
         } else if (arg == "--restart-after") {
             options.restart_after = std::chrono::seconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--low-power") {
-            for (const auto& event : parse_low_power(args.value())) options.low_power.push_back(event);
+            for (const auto& event : parse_low_power(args.value()))
+                options.low_power.push_back(event);
         } else if (arg == "--write-info") {
             options.write_info = true;
-            options.write_info_after = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+            options.write_info_after =
+                std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--report-ms") {
-            options.report_period = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+            options.report_period =
+                std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--repeat-ms") {
-            options.repeat_every = std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
+            options.repeat_every =
+                std::chrono::milliseconds(parse_number(arg, args.value(), kMaxMs));
         } else if (arg == "--verbose") {
             options.verbose = true;
             replay_opts.verbose = true;

@@ -18,10 +18,10 @@
 namespace kivhal {
 namespace tools {
 
-using test::core_stub;
-using test::recorded_request;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using test::core_stub;
+using test::recorded_request;
 
 namespace {
 
@@ -128,8 +128,7 @@ const simulated_core::sensor* simulated_core::find(const std::string& type) cons
 }
 
 void simulated_core::say(const std::string& line) const {
-    const double seconds =
-        std::chrono::duration<double>(steady_clock::now() - _start).count();
+    const double seconds = std::chrono::duration<double>(steady_clock::now() - _start).count();
     printf("[%9.3f] %s\n", seconds, line.c_str());
     fflush(stdout);
 }
@@ -340,9 +339,9 @@ void simulated_core::schedule_indications() {
                                 core_stub::make_low_power_state(event.msg_id, event.session));
     }
     if (_write_info_total != 0) {
-        _core.send_packet_after(_options.write_info_after,
-                                core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
-                                                                _write_info_total, 0));
+        _core.send_packet_after(
+            _options.write_info_after,
+            core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0, _write_info_total, 0));
     }
 }
 
@@ -367,7 +366,8 @@ uint32_t simulated_core::write_sensorstore_image() const {
         std::filesystem::path(_options.partition_path).parent_path());
     const std::vector<uint8_t> bytes = image.bytes();
     std::ofstream out(_options.partition_path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("cannot write " + _options.partition_path);
     // The message counts the stored bytes without the partition's header.
     return image.area_len() - static_cast<uint32_t>(sizeof(test::sensorstore_header));

@@ -37,14 +37,14 @@ struct coresim_options {
     std::vector<low_power_event> low_power;
     bool write_info = false;
     std::chrono::milliseconds write_info_after{0};
-    std::string partition_path;              // host path of the sensorstore image
+    std::string partition_path;                    // host path of the sensorstore image
     std::chrono::milliseconds report_period{200};  // 0: as fast as the channel takes them
-    std::chrono::milliseconds repeat_every{0};     // 0: low-power and write-info once per connection
+    std::chrono::milliseconds repeat_every{0};  // 0: low-power and write-info once per connection
     bool verbose = false;
 };
 
 class simulated_core {
-public:
+  public:
     // Listens at once; throws std::runtime_error when it cannot.
     explicit simulated_core(coresim_options options);
     ~simulated_core();
@@ -56,7 +56,7 @@ public:
     // Streamed reports the channel accepted.
     uint64_t reports_sent() const { return _reports_sent; }
 
-private:
+  private:
     struct sensor {
         std::string type;
         sensor_uid suid;

@@ -43,21 +43,31 @@ long number_after(const std::string& text, const std::string& marker) {
 #ifndef __ANDROID__
 int priority_floor(kiv_log::log_level level) {
     switch (level) {
-        case kiv_log::ERROR: return ANDROID_LOG_ERROR;
-        case kiv_log::INFO: return ANDROID_LOG_INFO;
-        case kiv_log::DEBUG: return ANDROID_LOG_DEBUG;
-        case kiv_log::VERBOSE: return ANDROID_LOG_VERBOSE;
-        default: return ANDROID_LOG_SILENT;
+        case kiv_log::ERROR:
+            return ANDROID_LOG_ERROR;
+        case kiv_log::INFO:
+            return ANDROID_LOG_INFO;
+        case kiv_log::DEBUG:
+            return ANDROID_LOG_DEBUG;
+        case kiv_log::VERBOSE:
+            return ANDROID_LOG_VERBOSE;
+        default:
+            return ANDROID_LOG_SILENT;
     }
 }
 
 char priority_letter(int priority) {
     switch (priority) {
-        case ANDROID_LOG_ERROR: return 'E';
-        case ANDROID_LOG_WARN: return 'W';
-        case ANDROID_LOG_INFO: return 'I';
-        case ANDROID_LOG_DEBUG: return 'D';
-        default: return 'V';
+        case ANDROID_LOG_ERROR:
+            return 'E';
+        case ANDROID_LOG_WARN:
+            return 'W';
+        case ANDROID_LOG_INFO:
+            return 'I';
+        case ANDROID_LOG_DEBUG:
+            return 'D';
+        default:
+            return 'V';
     }
 }
 #endif
@@ -93,7 +103,9 @@ discovery_monitor::discovery_monitor(kiv_log::log_level print_level, bool progre
     _thread = std::thread(&discovery_monitor::run, this);
 }
 
-discovery_monitor::~discovery_monitor() { stop(); }
+discovery_monitor::~discovery_monitor() {
+    stop();
+}
 
 double discovery_monitor::elapsed() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
@@ -113,7 +125,8 @@ void discovery_monitor::run() {
     for (int poll = 1;; ++poll) {
         {
             kivhal::unique_lock lock(_mutex);
-            if (_wake.wait_for(lock.native(), kLogPoll, [this]() REQUIRES(_mutex) { return _stopping; })) {
+            if (_wake.wait_for(lock.native(), kLogPoll,
+                               [this]() REQUIRES(_mutex) { return _stopping; })) {
                 break;
             }
         }

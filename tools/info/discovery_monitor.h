@@ -21,7 +21,7 @@ namespace tools {
 std::string describe_discovery_step(const std::string& log_text);
 
 class discovery_monitor {
-public:
+  public:
     // Sets the library's log level; lines at or above `print_level` go to `out`.
     discovery_monitor(kiv_log::log_level print_level, bool progress, FILE* out);
     ~discovery_monitor();
@@ -33,7 +33,7 @@ public:
     double stop();
     double elapsed() const;
 
-private:
+  private:
     void run();
     void drain_log();
 

@@ -66,10 +66,14 @@ std::string json_float(float value) {
 
 const char* format_name(int format) {
     switch (format) {
-        case kt::OUTPUT_FORMAT_INT: return "int";
-        case kt::OUTPUT_FORMAT_FLOAT: return "float";
-        case kt::OUTPUT_FORMAT_BYTES: return "bytes";
-        default: return nullptr;
+        case kt::OUTPUT_FORMAT_INT:
+            return "int";
+        case kt::OUTPUT_FORMAT_FLOAT:
+            return "float";
+        case kt::OUTPUT_FORMAT_BYTES:
+            return "bytes";
+        default:
+            return nullptr;
     }
 }
 
@@ -92,7 +96,8 @@ void try_get(Getter getter) {
     }
 }
 
-std::vector<sensor_uid> discovered_suids(const kiv_sensor_factory& factory, const std::string& name) {
+std::vector<sensor_uid> discovered_suids(const kiv_sensor_factory& factory,
+                                         const std::string& name) {
     kivhal::lock_guard lock(discoveryMutex);
     auto found = factory.suidMap.find(name);
     return found == factory.suidMap.end() ? std::vector<sensor_uid>() : found->second;
@@ -212,7 +217,8 @@ std::string data_type_list(const std::vector<int32_t>& types) {
 
 std::string ranges_text(const sensor_info& s) {
     std::vector<std::string> parts;
-    for (const auto& [low, high] : s.ranges) parts.push_back(float_text(low) + ".." + float_text(high));
+    for (const auto& [low, high] : s.ranges)
+        parts.push_back(float_text(low) + ".." + float_text(high));
     return parts.empty() ? "-" : join(parts, " ");
 }
 
@@ -222,7 +228,9 @@ std::string rates_text(const sensor_info& s) {
     return parts.empty() ? "-" : join(parts, ",");
 }
 
-std::string or_dash(const std::string& text) { return text.empty() ? "-" : text; }
+std::string or_dash(const std::string& text) {
+    return text.empty() ? "-" : text;
+}
 
 void print_exercises(FILE* out, const char* title, const std::vector<exercise_info>& list,
                      bool with_data_types) {
@@ -248,10 +256,9 @@ std::string json_ints(const std::vector<int32_t>& values) {
 std::string json_exercises(const std::vector<exercise_info>& list, bool with_data_types) {
     std::vector<std::string> parts;
     for (const exercise_info& e : list) {
-        parts.push_back("{\"exercise\": " + std::to_string(e.number) +
-                        ", \"name\": " + json_string(e.name) +
-                        (with_data_types ? ", \"data_types\": " + json_ints(e.data_types) : "") +
-                        "}");
+        parts.push_back(
+            "{\"exercise\": " + std::to_string(e.number) + ", \"name\": " + json_string(e.name) +
+            (with_data_types ? ", \"data_types\": " + json_ints(e.data_types) : "") + "}");
     }
     return "[" + join(parts, ", ") + "]";
 }
@@ -295,17 +302,21 @@ discovery_report collect_report(kiv_sensor_factory& factory) {
             type.sensors.push_back(describe_sensor(factory, suid));
         }
         type.available = available.count(name) != 0;
-        type.configured = std::any_of(kt::dataTypeMap.begin(), kt::dataTypeMap.end(),
-                                      [&](const auto& row) { return row.second.sensorType == name; });
+        type.configured =
+            std::any_of(kt::dataTypeMap.begin(), kt::dataTypeMap.end(),
+                        [&](const auto& row) { return row.second.sensorType == name; });
         type.status = factory.getSensorAvailabilityStatus(name);
-        for (auto d : factory.getAllDatatypes(name)) type.data_types.push_back(static_cast<int32_t>(d));
+        for (auto d : factory.getAllDatatypes(name))
+            type.data_types.push_back(static_cast<int32_t>(d));
         std::sort(type.data_types.begin(), type.data_types.end());
         report.sensor_types.push_back(std::move(type));
     }
 
-    for (auto type : factory.getSupportedMetricsTypes()) report.metrics.push_back(describe_data_type(type));
+    for (auto type : factory.getSupportedMetricsTypes())
+        report.metrics.push_back(describe_data_type(type));
     sort_by(report.metrics, [](const data_type_info& d) { return d.value; });
-    for (const auto& goal : factory.getSupportedGoals()) report.goals.push_back(describe_goal(goal));
+    for (const auto& goal : factory.getSupportedGoals())
+        report.goals.push_back(describe_goal(goal));
     sort_by(report.goals, [](const goal_info& g) { return g.data_type.value; });
     for (const auto& cap : factory.getAutoStartList()) {
         report.auto_start.push_back(describe_exercise(cap.exerciseType, cap.dataTypes));
@@ -342,7 +353,8 @@ void print_table(const discovery_report& report, FILE* out) {
     fprintf(out, "\nSupported metrics (%zu)\n", report.metrics.size());
     rows = {{"DATA TYPE", "NAME", "SENSOR TYPE", "FORMAT"}};
     for (const data_type_info& d : report.metrics) {
-        rows.push_back({hex(d.value), or_dash(d.name), or_dash(d.sensor_type), format_text(d.format)});
+        rows.push_back(
+            {hex(d.value), or_dash(d.name), or_dash(d.sensor_type), format_text(d.format)});
     }
     if (report.metrics.empty()) rows.clear();
     print_rows(out, rows);
@@ -377,9 +389,9 @@ void print_json(const discovery_report& report, FILE* out) {
         for (const sensor_info& s : type.sensors) sensors.push_back(json_sensor(s));
         types.push_back("    {\"name\": " + json_string(type.name) + ", \"available\": " +
                         (type.available ? "true" : "false") + ", \"status\": " +
-                        (type.configured ? (type.status ? "true" : "false") : "null") + ", \"data_types\": " +
-                        json_ints(type.data_types) + ", \"sensors\": [" + join(sensors, ", ") +
-                        "]}");
+                        (type.configured ? (type.status ? "true" : "false") : "null") +
+                        ", \"data_types\": " + json_ints(type.data_types) + ", \"sensors\": [" +
+                        join(sensors, ", ") + "]}");
     }
     for (const data_type_info& d : report.metrics) {
         metrics.push_back("{\"data_type\": " + std::to_string(d.value) + ", \"name\": " +
@@ -387,10 +399,10 @@ void print_json(const discovery_report& report, FILE* out) {
                           ", \"output_format\": " + std::to_string(d.format) + "}");
     }
     for (const goal_info& g : report.goals) {
-        goals.push_back("{\"data_type\": " + std::to_string(g.data_type.value) + ", \"name\": " +
-                        json_string(g.data_type.name) + ", \"comparison\": " +
-                        json_string(comparison_text(g.comparison)) + ", \"threshold\": " +
-                        g.threshold_json + "}");
+        goals.push_back("{\"data_type\": " + std::to_string(g.data_type.value) +
+                        ", \"name\": " + json_string(g.data_type.name) +
+                        ", \"comparison\": " + json_string(comparison_text(g.comparison)) +
+                        ", \"threshold\": " + g.threshold_json + "}");
     }
     fprintf(out,
             "{\n  \"channel\": %s,\n  \"boot\": \"%s\",\n  \"discovery_seconds\": %.3f,\n"
@@ -398,8 +410,8 @@ void print_json(const discovery_report& report, FILE* out) {
             "  \"supported_goals\": [%s],\n  \"auto_start\": %s,\n  \"auto_stop\": %s,\n"
             "  \"auto_pause\": %s\n}\n",
             json_string(report.channel).c_str(), report.later_boot ? "later" : "first",
-            report.seconds, report.found_anything() ? "true" : "false",
-            join(types, ",\n").c_str(), join(metrics, ", ").c_str(), join(goals, ", ").c_str(),
+            report.seconds, report.found_anything() ? "true" : "false", join(types, ",\n").c_str(),
+            join(metrics, ", ").c_str(), join(goals, ", ").c_str(),
             json_exercises(report.auto_start, true).c_str(),
             json_exercises(report.auto_stop, false).c_str(),
             json_exercises(report.auto_pause, false).c_str());

@@ -27,9 +27,9 @@ struct sensor_info {
 struct sensor_type_info {
     std::string name;
     std::vector<sensor_info> sensors;
-    bool available = false;       // listAvailableSensorTypes
-    bool configured = false;      // some data type has this sensor type
-    bool status = false;          // getSensorAvailabilityStatus
+    bool available = false;           // listAvailableSensorTypes
+    bool configured = false;          // some data type has this sensor type
+    bool status = false;              // getSensorAvailabilityStatus
     std::vector<int32_t> data_types;  // getAllDatatypes
 };
 

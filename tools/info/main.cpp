@@ -9,10 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -92,9 +92,11 @@ struct info_options {
 };
 
 kiv_log::log_level parse_level(const std::string& text) {
-    const std::pair<const char*, kiv_log::log_level> levels[] = {
-        {"silent", kiv_log::SILENT}, {"error", kiv_log::ERROR}, {"info", kiv_log::INFO},
-        {"debug", kiv_log::DEBUG},   {"verbose", kiv_log::VERBOSE}};
+    const std::pair<const char*, kiv_log::log_level> levels[] = {{"silent", kiv_log::SILENT},
+                                                                 {"error", kiv_log::ERROR},
+                                                                 {"info", kiv_log::INFO},
+                                                                 {"debug", kiv_log::DEBUG},
+                                                                 {"verbose", kiv_log::VERBOSE}};
     for (const auto& [name, level] : levels) {
         if (text == name) return level;
     }
@@ -168,7 +170,8 @@ void refuse_rejected_config(const std::string& path) {
 void prepare_host_root(const info_options& options) {
     namespace fs = std::filesystem;
     if (!options.root.empty()) {
-        if (!fs::is_directory(options.root)) throw usage_error("root " + options.root + " is not a directory");
+        if (!fs::is_directory(options.root))
+            throw usage_error("root " + options.root + " is not a directory");
         setenv("KIVHAL_ROOT", options.root.c_str(), 1);
     }
     if (getenv("KIVHAL_ROOT") == nullptr || *getenv("KIVHAL_ROOT") == '\0') {
@@ -181,7 +184,8 @@ void prepare_host_root(const info_options& options) {
         check_input_file(options.config, input_kind::regular_file, kMaxConfigFileSize);
         refuse_rejected_config(options.config);
         fs::create_directories(host(kConfigPath).parent_path());
-        fs::copy_file(options.config, host(kConfigPath), fs::copy_options::overwrite_existing, error);
+        fs::copy_file(options.config, host(kConfigPath), fs::copy_options::overwrite_existing,
+                      error);
         if (error) throw usage_error("cannot copy " + options.config + ": " + error.message());
     }
     if (options.config.empty()) {
@@ -259,7 +263,8 @@ std::string existing_channels() {
 // which node was really tried, the system's text for the error and what
 // usually fixes it.
 tool_error channel_failure(const std::string& channel, const std::exception& e) {
-    const std::string failed = "cannot open channel \"" + channel + "\" at " + node_path(channel) + ": ";
+    const std::string failed =
+        "cannot open channel \"" + channel + "\" at " + node_path(channel) + ": ";
     const int error = -error_code_of(e.what());
     if (error <= 0) return tool_error(failed + e.what());
     const std::string others = error == ENOENT ? existing_channels() : "";
@@ -435,8 +440,9 @@ int run_watched(int argc, char** argv) {
     }
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : kExitUsage;
     if (!body_returned) {
-        fprintf(stderr, "%s: the sensor core hung up the channel (it restarted or stopped); "
-                        "the library ends the process then, as it would end the HAL service\n",
+        fprintf(stderr,
+                "%s: the sensor core hung up the channel (it restarted or stopped); "
+                "the library ends the process then, as it would end the HAL service\n",
                 kTool);
     }
     return code;
@@ -444,4 +450,6 @@ int run_watched(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) { return run_watched(argc, argv); }
+int main(int argc, char** argv) {
+    return run_watched(argc, argv);
+}

@@ -12,9 +12,9 @@
 #include <set>
 #include <type_traits>
 
+#include "input_file.h"
 #include "kiv_sensor_factory.h"
 #include "kiv_types.h"
-#include "input_file.h"
 #include "tool_cli.h"
 #include "utf8_text.h"
 
@@ -33,7 +33,9 @@ constexpr char kGreaterOrEqual[] = "GREATER_THAN_OR_EQUAL";
 constexpr char kLessOrEqual[] = "LESS_THAN_OR_EQUAL";
 constexpr size_t kHexPrefixLen = 2;
 
-std::string quoted(const char* text) { return std::string("\"") + text + "\""; }
+std::string quoted(const char* text) {
+    return std::string("\"") + text + "\"";
+}
 
 std::string hex(int32_t value) {
     char text[16];
@@ -85,7 +87,8 @@ bool fits_int32(const char* text) {
 // Namespace declarations and schema hints (xsi:noNamespaceSchemaLocation)
 // are there for editors and validators; the parser never looks at them.
 bool is_for_validators(const char* name) {
-    return strncmp(name, "xmlns", strlen("xmlns")) == 0 || strncmp(name, "xsi:", strlen("xsi:")) == 0;
+    return strncmp(name, "xmlns", strlen("xmlns")) == 0 ||
+           strncmp(name, "xsi:", strlen("xsi:")) == 0;
 }
 
 // How the parser matches a word: as a prefix of the written value.
@@ -103,10 +106,10 @@ struct data_type_row {
 };
 
 class linter {
-public:
+  public:
     std::vector<lint_finding> run(const std::string& path);
 
-private:
+  private:
     void error(const XMLElement* at, const std::string& message) { add(at, true, message); }
     void warning(const XMLElement* at, const std::string& message) { add(at, false, message); }
     void fatal(const XMLElement* at, const std::string& message) {
@@ -210,7 +213,8 @@ std::optional<int32_t> linter::data_type_value(const XMLElement& element) {
     if (text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) {
         error(&element, "data_type_value " + quoted(text) +
                             " lacks the 0x prefix: the parser skips its first two characters "
-                            "and reads " + hex(value));
+                            "and reads " +
+                            hex(value));
     } else if (strspn(text + kHexPrefixLen, "0123456789abcdefABCDEF") !=
                strlen(text + kHexPrefixLen)) {
         error(&element, "data_type_value " + quoted(text) +
@@ -253,7 +257,8 @@ void linter::check_data_types(const XMLElement& datatypes) {
         check_attributes(*entry, {"sensor_type", "type", "data_type_value"});
         const char* sensor_type = entry->Attribute("sensor_type");
         const char* type = entry->Attribute("type");
-        for (const char* missing : {sensor_type ? nullptr : "sensor_type", type ? nullptr : "type"}) {
+        for (const char* missing :
+             {sensor_type ? nullptr : "sensor_type", type ? nullptr : "type"}) {
             if (missing) {
                 fatal(entry, std::string("<datatype> without \"") + missing +
                                  "\": the parser never gets past it");
@@ -341,8 +346,9 @@ void linter::check_threshold(const XMLElement& threshold, int32_t key) {
     } else if (match_prefix(type, kFloatType) != match::none) {
         wanted_format = kt::OUTPUT_FORMAT_FLOAT;
         word = kFloatType;
-        check_number<float>(threshold, "type_value", "a float", "0",
-                            [&](float* v) { return threshold.QueryFloatAttribute("type_value", v); });
+        check_number<float>(threshold, "type_value", "a float", "0", [&](float* v) {
+            return threshold.QueryFloatAttribute("type_value", v);
+        });
     } else if (match_prefix(type, kByteType) != match::none) {
         wanted_format = kt::OUTPUT_FORMAT_BYTES;
         word = kByteType;
@@ -350,8 +356,8 @@ void linter::check_threshold(const XMLElement& threshold, int32_t key) {
             error(&threshold, "byte threshold without \"type_value\": the parser drops it");
         }
     } else {
-        error(&threshold, "threshold type " + quoted(type) +
-                              " is not int, float or byte: the parser drops it");
+        error(&threshold,
+              "threshold type " + quoted(type) + " is not int, float or byte: the parser drops it");
         return;
     }
     if (strcmp(type, word) != 0) {
@@ -361,9 +367,9 @@ void linter::check_threshold(const XMLElement& threshold, int32_t key) {
     if (format == kt::OUTPUT_FORMAT_NONE) {
         error(&threshold, "data type " + hex(key) +
                               " has output format 0: its goals are never decoded nor accepted");
-    } else if (format != wanted_format && (format == kt::OUTPUT_FORMAT_INT ||
-                                           format == kt::OUTPUT_FORMAT_FLOAT ||
-                                           format == kt::OUTPUT_FORMAT_BYTES)) {
+    } else if (format != wanted_format &&
+               (format == kt::OUTPUT_FORMAT_INT || format == kt::OUTPUT_FORMAT_FLOAT ||
+                format == kt::OUTPUT_FORMAT_BYTES)) {
         error(&threshold, std::string("threshold type \"") + word + "\" on data type " + hex(key) +
                               ", whose output format is " + std::to_string(format) +
                               ": the value is read as the wrong type");
@@ -377,8 +383,8 @@ void linter::check_exercises(const XMLElement& container) {
     check_children(container, {"exercisetype"});
     for (const XMLElement* e = container.FirstChildElement("exercisetype"); e;
          e = e->NextSiblingElement("exercisetype")) {
-        check_attributes(*e, {"type", "sensor_type", "exercise_num", "auto_start", "auto_stop",
-                              "auto_pause"});
+        check_attributes(
+            *e, {"type", "sensor_type", "exercise_num", "auto_start", "auto_stop", "auto_pause"});
         check_children(*e, {"datatype"});
         if (e->Attribute("type") == nullptr) {
             error(e, "<exercisetype> without \"type\": the parser skips it");
@@ -392,7 +398,8 @@ void linter::check_exercises(const XMLElement& container) {
         check_number<int>(*e, "exercise_num", "an integer", "exercise 0",
                           [&](int* v) { return e->QueryIntAttribute("exercise_num", v); });
         const char* number_text = e->Attribute("exercise_num");
-        if (number_text != nullptr && fits_int32(number_text) && e->IntAttribute("exercise_num", 0) < 0) {
+        if (number_text != nullptr && fits_int32(number_text) &&
+            e->IntAttribute("exercise_num", 0) < 0) {
             error(e, "exercise_num " + quoted(number_text) +
                          " is negative: exercise numbers count from 0");
         }
@@ -408,11 +415,13 @@ void linter::check_exercises(const XMLElement& container) {
         const int number = e->IntAttribute("exercise_num", 0);
         auto earlier = _exercises.find(number);
         if (earlier != _exercises.end()) {
-            error(e, "exercise " + std::to_string(number) + " is defined again: this overwrites line " +
+            error(e, "exercise " + std::to_string(number) +
+                         " is defined again: this overwrites line " +
                          std::to_string(earlier->second));
         }
         _exercises[number] = e->GetLineNum();
-        if (sensor_type && (flags[1] || flags[2])) _stop_pause_sensor_types.emplace_back(e, sensor_type);
+        if (sensor_type && (flags[1] || flags[2]))
+            _stop_pause_sensor_types.emplace_back(e, sensor_type);
         check_exercise_data_types(*e, flags[0]);
     }
 }
@@ -431,8 +440,9 @@ void linter::check_exercise_data_types(const XMLElement& exercise, bool auto_sta
             continue;
         }
         const std::string name = upper(type);
-        const bool known = std::any_of(_data_types.begin(), _data_types.end(),
-                                       [&](const auto& row) { return row.second.type_name == name; });
+        const bool known =
+            std::any_of(_data_types.begin(), _data_types.end(),
+                        [&](const auto& row) { return row.second.type_name == name; });
         if (!known) {
             error(d, "exercise data type " + quoted(type) +
                          " matches no data type defined so far: the auto-start list loses it");
@@ -460,7 +470,9 @@ void linter::check_exercise_sensor_types() {
 
 }  // namespace
 
-std::vector<lint_finding> lint_config(const std::string& path) { return linter().run(path); }
+std::vector<lint_finding> lint_config(const std::string& path) {
+    return linter().run(path);
+}
 
 }  // namespace tools
 }  // namespace kivhal

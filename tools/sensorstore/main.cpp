@@ -44,7 +44,8 @@ int run(int argc, char** argv) {
             throw usage_error("unexpected argument " + arg);
         }
     }
-    if (command != "dump") throw usage_error(command.empty() ? "no command given" : "unknown command " + command);
+    if (command != "dump")
+        throw usage_error(command.empty() ? "no command given" : "unknown command " + command);
     if (image_path.empty()) throw usage_error("dump needs an IMAGE");
 
     size_t image_size = 0;

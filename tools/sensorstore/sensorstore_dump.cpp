@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <fstream>
 
-#include "sensorstore_partition.h"
 #include "input_file.h"
+#include "sensorstore_partition.h"
 #include "tool_cli.h"
 
 namespace kivhal {
@@ -33,8 +33,7 @@ const char* status_text(sensorstore_record_status status) {
 }  // namespace
 
 std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* image_size) {
-    const uint64_t file_size =
-        check_input_file(path, input_kind::regular_file_or_block_device);
+    const uint64_t file_size = check_input_file(path, input_kind::regular_file_or_block_device);
     std::ifstream in(path, std::ios::binary);
     if (!in) throw usage_error("cannot read " + path);
     std::vector<uint8_t> bytes(SNS_SENSORSTORE_HDR_LEN);
@@ -60,7 +59,8 @@ std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* ima
 
 bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
                       const std::string& channel, FILE* out) {
-    const uint32_t own_hash = sensorstore_channel_hash(channel.c_str(), static_cast<uint8_t>(channel.size()));
+    const uint32_t own_hash =
+        sensorstore_channel_hash(channel.c_str(), static_cast<uint8_t>(channel.size()));
     if (image.size() < SNS_SENSORSTORE_HDR_LEN) {
         fprintf(out, "corrupt: the image holds %zu bytes, less than the %u-byte header\n",
                 image.size(), SNS_SENSORSTORE_HDR_LEN);
@@ -83,8 +83,8 @@ bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
         return false;
     }
     if (data_len > image.size()) {
-        fprintf(out, "corrupt: data_len %u runs past the end of the image (%zu bytes)\n",
-                data_len, image_size);
+        fprintf(out, "corrupt: data_len %u runs past the end of the image (%zu bytes)\n", data_len,
+                image_size);
         ok = false;
     }
     const size_t readable = std::min<size_t>(data_len, image.size());
@@ -93,8 +93,8 @@ bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
     size_t records = 0;
     while (offset < data_len) {
         sensorstore_record record{};
-        const auto status = read_sensorstore_record(image.data(), readable,
-                                                    static_cast<uint32_t>(offset), &record);
+        const auto status =
+            read_sensorstore_record(image.data(), readable, static_cast<uint32_t>(offset), &record);
         if (status == sensorstore_record_status::head_out_of_bounds) {
             fprintf(out, "corrupt: record at offset %llu: %s\n",
                     static_cast<unsigned long long>(offset), status_text(status));

@@ -40,7 +40,9 @@ T get_le(const uint8_t* in) {
     return static_cast<T>(value);
 }
 
-bool is_lookup_service(const sensor_uid& suid) { return suid == core_stub::lookup_suid(); }
+bool is_lookup_service(const sensor_uid& suid) {
+    return suid == core_stub::lookup_suid();
+}
 
 void close_fd(int& fd) {
     if (fd >= 0) close(fd);
@@ -125,7 +127,8 @@ void core_stub::set_jumbo_threshold(size_t bytes) {
 
 bool core_stub::wait_connected(std::chrono::milliseconds timeout) {
     kivhal::unique_lock lock(_mutex);
-    return _changed.wait_for(lock.native(), timeout, [this]() REQUIRES(_mutex) { return _conn_fd >= 0; });
+    return _changed.wait_for(lock.native(), timeout,
+                             [this]() REQUIRES(_mutex) { return _conn_fd >= 0; });
 }
 
 bool core_stub::connected() const {
@@ -204,8 +207,8 @@ std::string core_stub::make_event(sensor_uid suid, uint32_t event_msg_id,
     event_msg.mutable_suid()->set_uidhigh(suid.high);
     auto* event = event_msg.add_eventlist();
     event->set_msg_id(event_msg_id);
-    event->set_timestamp(static_cast<uint64_t>(
-        std::chrono::steady_clock::now().time_since_epoch().count()));
+    event->set_timestamp(
+        static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
     event->set_payload(event_payload);
     return event_msg.SerializeAsString();
 }
@@ -317,7 +320,8 @@ void core_stub::record(const uint8_t* data, size_t size) {
         request.session_id = head[offsetof(sns_aon_client_req_msg_v01, session_id)];
         request.client_req_id = head[offsetof(sns_aon_client_req_msg_v01, client_req_id)];
         request.flag = head[offsetof(sns_aon_client_req_msg_v01, flag)];
-        request.payload_len = get_le<uint32_t>(head + offsetof(sns_aon_client_req_msg_v01, payload_len));
+        request.payload_len =
+            get_le<uint32_t>(head + offsetof(sns_aon_client_req_msg_v01, payload_len));
         const size_t payload_offset = SNS_DUCTO_REQ_HEAD_LEN;  // packet head included
         const size_t available = size - payload_offset;
         const size_t len = std::min<size_t>(request.payload_len, available);
@@ -369,8 +373,8 @@ void core_stub::answer_lookup(const recorded_request& request) {
         entry->set_uidlow(suid.low);
         entry->set_uidhigh(suid.high);
     }
-    const std::string event = make_event(lookup_suid(), kLookupEventMsgId,
-                                         answer.SerializeAsString());
+    const std::string event =
+        make_event(lookup_suid(), kLookupEventMsgId, answer.SerializeAsString());
     if (type.delay.count() > 0) {
         send_packet_after(type.delay, report_for(event));
     } else {
@@ -396,11 +400,11 @@ void core_stub::deliver_scheduled() {
             _changed.wait(lock.native());
             continue;
         }
-        auto next = std::min_element(_scheduled.begin(), _scheduled.end(),
-                                     [](const scheduled_packet& a, const scheduled_packet& b) {
-                                         return a.due != b.due ? a.due < b.due
-                                                               : a.sequence < b.sequence;
-                                     });
+        auto next =
+            std::min_element(_scheduled.begin(), _scheduled.end(),
+                             [](const scheduled_packet& a, const scheduled_packet& b) {
+                                 return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+                             });
         // A copy: a send scheduled during the wait may reallocate the queue.
         const auto due = next->due;
         if (due > std::chrono::steady_clock::now()) {

@@ -47,17 +47,17 @@ namespace test {
 
 // One request packet as the core received it.
 struct recorded_request {
-    uint16_t msg_id = 0;        // packet bytes 0-1
-    uint16_t reserved = 0;      // bytes 2-3
-    uint16_t pkt_len = 0;       // bytes 4-5
-    size_t connection = 0;      // the connection it came on, counted from 1
+    uint16_t msg_id = 0;    // packet bytes 0-1
+    uint16_t reserved = 0;  // bytes 2-3
+    uint16_t pkt_len = 0;   // bytes 4-5
+    size_t connection = 0;  // the connection it came on, counted from 1
     uint8_t session_id = 0;
     uint8_t client_req_id = 0;
     uint8_t flag = 0;
     uint32_t payload_len = 0;
-    std::vector<uint8_t> raw;   // every byte received, head included
-    std::string payload;        // the payload bytes (clamped to what arrived)
-    bool decoded = false;       // the payload parsed as a request envelope
+    std::vector<uint8_t> raw;  // every byte received, head included
+    std::string payload;       // the payload bytes (clamped to what arrived)
+    bool decoded = false;      // the payload parsed as a request envelope
     sns_client_request_msg request;
 
     sensor_uid suid() const { return {request.suid().uidlow(), request.suid().uidhigh()}; }
@@ -72,7 +72,7 @@ struct response_fields {
 };
 
 class core_stub {
-public:
+  public:
     static constexpr uint64_t kLookupSuidHalf = 0xababababababababULL;
     static constexpr uint32_t kLookupRequestMsgId = 512;
     static constexpr uint32_t kAttributeRequestMsgId = 1;
@@ -146,7 +146,7 @@ public:
     // stays up for the next connection.
     void close_connection();
 
-private:
+  private:
     struct sensor_type {
         std::vector<sensor_uid> suids;
         std::chrono::milliseconds delay{0};

@@ -41,7 +41,8 @@ constexpr seconds kMaxWarmUp{10};
 constexpr milliseconds kTick{100};
 // The first sensors of kivhal-coresim, whose records a write-info replays.
 const std::vector<std::string> kReplayOnly = {"registry", "health", "health_async_announce"};
-const std::vector<std::string> kStreamed = {"heart_rate", "step_counter", "speed", "skin_temperature"};
+const std::vector<std::string> kStreamed = {"heart_rate", "step_counter", "speed",
+                                            "skin_temperature"};
 
 constexpr char kUsage[] = R"(Usage: kivhal-soak --root DIR [OPTION]...
 The library's client in a soak against kivhal-coresim serving DIR (see
@@ -190,8 +191,9 @@ int run(int argc, char** argv) {
            fds_end, locks.writes(), unlocks.writes(), released ? "yes" : "no",
            result.log_errors + take_logged_errors());
     if (!counts_agree) {
-        fprintf(stderr, "%s: the wake lock counted %" PRIu64 " lock and %" PRIu64
-                        " unlock writes, the FIFOs saw otherwise\n",
+        fprintf(stderr,
+                "%s: the wake lock counted %" PRIu64 " lock and %" PRIu64
+                " unlock writes, the FIFOs saw otherwise\n",
                 kTool, state.lock_writes, state.unlock_writes);
         return 1;
     }

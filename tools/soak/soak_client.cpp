@@ -53,8 +53,9 @@ void soak_client::stop() {
 }
 
 void soak_client::look_up(const std::vector<std::string>& types) {
-    _conn->register_cb(lookupSuid, nullptr, nullptr,
-                       [this](const uint8_t* data, uint32_t len, uint64_t) { on_lookup_event(data, len); });
+    _conn->register_cb(
+        lookupSuid, nullptr, nullptr,
+        [this](const uint8_t* data, uint32_t len, uint64_t) { on_lookup_event(data, len); });
     for (const std::string& type : types) {
         sns_suid_req request;
         request.set_datatypename(type);

@@ -19,14 +19,15 @@ namespace kivhal {
 namespace tools {
 
 class soak_client {
-public:
+  public:
     // Connects on `channel`; throws ducto_error.
     explicit soak_client(const std::string& channel);
 
     // Looks every type up; `streamed` are registered and enabled, `replay_only`
     // get callbacks and no request (they only receive what a write-info
     // replays). Throws tool_error when a type is not found.
-    void start(const std::vector<std::string>& streamed, const std::vector<std::string>& replay_only);
+    void start(const std::vector<std::string>& streamed,
+               const std::vector<std::string>& replay_only);
     // Disables the next streamed sensor, waits until its registration is gone,
     // then registers and enables it again: nothing is lost by design.
     void cycle();
@@ -39,7 +40,7 @@ public:
     uint64_t delivered() const { return _delivered; }
     uint64_t replayed() const { return _replayed; }
 
-private:
+  private:
     void look_up(const std::vector<std::string>& types);
     void on_lookup_event(const uint8_t* data, uint32_t len);
     sensor_uid found(const std::string& type);

@@ -18,7 +18,9 @@ namespace tools {
 namespace {
 constexpr size_t kReadChunk = 65536;
 
-size_t write_len() { return strlen(KIV_WACKLOCK_NAME) + 1; }
+size_t write_len() {
+    return strlen(KIV_WACKLOCK_NAME) + 1;
+}
 }  // namespace
 
 wake_lock_fifo::wake_lock_fifo(const std::string& path) {
@@ -33,7 +35,9 @@ wake_lock_fifo::wake_lock_fifo(const std::string& path) {
     _reader = std::thread(&wake_lock_fifo::run, this);
 }
 
-wake_lock_fifo::~wake_lock_fifo() { drain(); }
+wake_lock_fifo::~wake_lock_fifo() {
+    drain();
+}
 
 void wake_lock_fifo::drain() {
     if (!_reader.joinable()) return;
@@ -41,9 +45,13 @@ void wake_lock_fifo::drain() {
     _reader.join();
 }
 
-uint64_t wake_lock_fifo::writes() const { return _bytes / write_len(); }
+uint64_t wake_lock_fifo::writes() const {
+    return _bytes / write_len();
+}
 
-bool wake_lock_fifo::whole() const { return _bytes % write_len() == 0; }
+bool wake_lock_fifo::whole() const {
+    return _bytes % write_len() == 0;
+}
 
 void wake_lock_fifo::run() {
     std::vector<char> buffer(kReadChunk);
@@ -58,7 +66,8 @@ void wake_lock_fifo::run() {
 
 void wake_lock_fifo::read_available(std::vector<char>& buffer) {
     ssize_t n;
-    while ((n = read(_fifo.get(), buffer.data(), buffer.size())) > 0) _bytes += static_cast<uint64_t>(n);
+    while ((n = read(_fifo.get(), buffer.data(), buffer.size())) > 0)
+        _bytes += static_cast<uint64_t>(n);
 }
 
 }  // namespace tools

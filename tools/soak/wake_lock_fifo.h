@@ -15,7 +15,7 @@ namespace kivhal {
 namespace tools {
 
 class wake_lock_fifo {
-public:
+  public:
     // Creates the FIFO at `path` (which must not exist) and starts reading it.
     // Throws tool_error.
     explicit wake_lock_fifo(const std::string& path);
@@ -30,7 +30,7 @@ public:
     // No write was cut short.
     bool whole() const;
 
-private:
+  private:
     void run();
     void read_available(std::vector<char>& buffer);
 

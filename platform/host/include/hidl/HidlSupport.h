@@ -14,10 +14,10 @@ namespace android {
 namespace hardware {
 
 class hidl_string {
-public:
+  public:
     hidl_string() = default;
     hidl_string(const char* text) : _text(text != nullptr ? text : "") {}  // NOLINT
-    hidl_string(const std::string& text) : _text(text) {}                   // NOLINT
+    hidl_string(const std::string& text) : _text(text) {}                  // NOLINT
 
     const char* c_str() const { return _text.c_str(); }
     size_t size() const { return _text.size(); }
@@ -27,7 +27,7 @@ public:
     bool operator==(const hidl_string& other) const { return _text == other._text; }
     bool operator!=(const hidl_string& other) const { return !(*this == other); }
 
-private:
+  private:
     std::string _text;
 };
 

@@ -13,7 +13,7 @@ namespace android {
 namespace hardware {
 
 class Status final {
-public:
+  public:
     enum Exception : int32_t {
         EX_NONE = 0,
         EX_SECURITY = -1,
@@ -44,7 +44,7 @@ public:
         return text;
     }
 
-private:
+  private:
     Status(int32_t exception, std::string message)
         : _exception(exception), _message(std::move(message)) {}
 
@@ -56,7 +56,7 @@ namespace details {
 
 // The part of every Return<> that carries the transport status.
 class return_status {
-public:
+  public:
     return_status() = default;
     explicit return_status(const Status& status) : _status(status) {}
 
@@ -64,7 +64,7 @@ public:
     bool isDeadObject() const { return _status.exceptionCode() == Status::EX_TRANSACTION_FAILED; }
     std::string description() const { return _status.description(); }
 
-protected:
+  protected:
     // Reading the value of a failed call is a programming error the
     // platform treats as fatal.
     void assert_ok() const {
@@ -75,7 +75,7 @@ protected:
         }
     }
 
-private:
+  private:
     Status _status;
 };
 
@@ -83,7 +83,7 @@ private:
 
 template <typename T>
 class Return : public details::return_status {
-public:
+  public:
     Return(T value) : _value(std::move(value)) {}  // NOLINT: implicit like the platform's
     Return(const Status& status) : details::return_status(status), _value() {}  // NOLINT
 
@@ -93,18 +93,20 @@ public:
     }
     T withDefault(T fallback) const { return isOk() ? _value : fallback; }
 
-private:
+  private:
     T _value;
 };
 
 template <>
 class Return<void> : public details::return_status {
-public:
+  public:
     Return() = default;
     Return(const Status& status) : details::return_status(status) {}  // NOLINT
 };
 
-inline Return<void> Void() { return Return<void>(); }
+inline Return<void> Void() {
+    return Return<void>();
+}
 
 }  // namespace hardware
 }  // namespace android
