@@ -3,7 +3,7 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer; then
 # builds the library and tools with clang's thread-safety analysis (clang-tsa,
 # compile only: it fails on a lock-annotation warning). Also checks the HIDL
-# interface and Android.bp against the host build.
+# interface and Android.bp against the host build, and the sources' format.
 # Usage: scripts/test.sh [preset ...]   (default: default asan tsan clang-tsa)
 #        scripts/test.sh armhf           (32-bit ARM cross build under qemu-arm)
 set -euo pipefail
@@ -24,9 +24,10 @@ jobs=$(nproc)
 test_jobs=$((jobs * 4))
 
 status=0
-echo "=== interface and Android.bp checks"
+echo "=== interface, Android.bp and format checks"
 scripts/check-hidl.sh || status=1
 scripts/check-android-bp.sh || status=1
+scripts/check-format.sh || status=1
 
 # Each preset's tests run while the next preset builds; their output is
 # printed, preset by preset, once all have finished.
