@@ -2,10 +2,11 @@
 #include <unordered_set>
 #include <vector>
 
+#include "catalogue.h"
 #include "kiv_log.h"
-#include "kiv_sensor_factory.h"
 
-namespace kt = vendor::zep::hardware::kiv_types;
+namespace kivhal {
+namespace catalogue {
 
 namespace {
 
@@ -31,14 +32,11 @@ bool meets(T requested, T configured, uint32_t comparisonType) {
 
 }  // namespace
 
-std::unordered_set<std::string> kiv_sensor_factory::listAvailableSensorTypes() {
+std::unordered_set<std::string> listAvailableSensorTypes(const discovered& found) {
     std::unordered_set<std::string> available;
-    // Late answers may still be stored while the service asks.
-    kivhal::lock_guard suids_lock(discoveryMutex);
-    kivhal::lock_guard attributes_lock(attributesMapMutex);
-    for (const auto& [name, suids] : suidMap) {
+    for (const auto& [name, suids] : found.suids) {
         for (const sensor_uid& suid : suids) {
-            if (attributesMap.find(suid) == attributesMap.end()) continue;
+            if (found.attributes.find(suid) == found.attributes.end()) continue;
             available.insert(name);
             KIV_LOGD("%s", name.c_str());
         }
@@ -46,11 +44,12 @@ std::unordered_set<std::string> kiv_sensor_factory::listAvailableSensorTypes() {
     return available;
 }
 
-std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getSupportedMetricsTypes() {
+std::vector<kt::DataType> getSupportedMetricsTypes(const kt::DataTypeTable& dataTypes,
+                                                   const discovered& found) {
     KIV_LOGD("List of all Metrics Types Supported");
-    std::vector<DataType> metrics;
-    for (const std::string& name : listAvailableSensorTypes()) {
-        for (const auto& [type, row] : kt::dataTypeMap) {
+    std::vector<kt::DataType> metrics;
+    for (const std::string& name : listAvailableSensorTypes(found)) {
+        for (const auto& [type, row] : dataTypes) {
             if (row.sensorType != name) continue;
             KIV_LOGD("%s : %d", row.sensorType.c_str(), static_cast<int>(type));
             metrics.push_back(type);
@@ -59,14 +58,15 @@ std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getSupportedMetric
     return metrics;
 }
 
-std::vector<kiv_sensor_factory::DataTypeGoal> kiv_sensor_factory::getSupportedGoals() {
+std::vector<kt::DataTypeGoal> getSupportedGoals(const kt::DataTypeTable& dataTypes,
+                                                const discovered& found) {
     KIV_LOGD("List of all Goals Supported");
-    const std::unordered_set<std::string> available = listAvailableSensorTypes();
-    std::vector<DataTypeGoal> supported;
-    for (const auto& [type, row] : kt::dataTypeMap) {
+    const std::unordered_set<std::string> available = listAvailableSensorTypes(found);
+    std::vector<kt::DataTypeGoal> supported;
+    for (const auto& [type, row] : dataTypes) {
         if (!row.goalSupported || available.count(row.sensorType) == 0) continue;
         const char* sensor = row.sensorType.c_str();
-        for (const DataTypeGoal& goal : row.goals) {
+        for (const kt::DataTypeGoal& goal : row.goals) {
             const int value = static_cast<int>(goal.dataType);
             switch (kt::datatype_output_format(goal.dataType)) {
                 case kt::OUTPUT_FORMAT_INT:
@@ -95,14 +95,14 @@ std::vector<kiv_sensor_factory::DataTypeGoal> kiv_sensor_factory::getSupportedGo
     return supported;
 }
 
-bool kiv_sensor_factory::isGoalSupported(DataTypeGoal goal) {
-    const kt::dataTypeInfo& row = kt::dataTypeMap[goal.dataType];
+bool isGoalSupported(kt::DataTypeTable& dataTypes, kt::DataTypeGoal goal) {
+    const kt::dataTypeInfo& row = dataTypes[goal.dataType];
     if (!row.goalSupported) {
         KIV_LOGE("Goal not supported for datatype %u", static_cast<uint32_t>(goal.dataType));
         return false;
     }
     const int format = kt::datatype_output_format(goal.dataType);
-    const DataTypeGoal* configured = first_goal_with(row, goal.comparisonType);
+    const kt::DataTypeGoal* configured = first_goal_with(row, goal.comparisonType);
     if (configured == nullptr) return false;
     switch (format) {
         case kt::OUTPUT_FORMAT_BYTES:
@@ -118,23 +118,24 @@ bool kiv_sensor_factory::isGoalSupported(DataTypeGoal goal) {
     }
 }
 
-std::vector<kiv_sensor_factory::AutoStartCapability> kiv_sensor_factory::getAutoStartList() {
+std::vector<kt::AutoStartCapability> getAutoStartList(const kt::ExerciseTypeTable& exercises) {
     KIV_LOGD("List of Auto Start Exercise Types Supported");
     // Not filtered by availability: every auto-start exercise is offered.
-    std::vector<AutoStartCapability> list;
-    for (const auto& [type, exercise] : kt::exerTypeMap) {
+    std::vector<kt::AutoStartCapability> list;
+    for (const auto& [type, exercise] : exercises) {
         if (!exercise.autoStart) continue;
         KIV_LOGD("Exercise Type : %d ", static_cast<int>(type));
-        list.push_back(AutoStartCapability{type, exercise.autoStartDataTypes});
+        list.push_back(kt::AutoStartCapability{type, exercise.autoStartDataTypes});
     }
     return list;
 }
 
-std::vector<kiv_sensor_factory::ExerciseType> kiv_sensor_factory::getAutoStopList() {
+std::vector<kt::ExerciseType> getAutoStopList(const kt::ExerciseTypeTable& exercises,
+                                              const discovered& found) {
     KIV_LOGD("List of Auto Stop Exercise Types Supported");
-    const std::unordered_set<std::string> available = listAvailableSensorTypes();
-    std::vector<ExerciseType> list;
-    for (const auto& [type, exercise] : kt::exerTypeMap) {
+    const std::unordered_set<std::string> available = listAvailableSensorTypes(found);
+    std::vector<kt::ExerciseType> list;
+    for (const auto& [type, exercise] : exercises) {
         if (!exercise.autoStop || available.count(exercise.sensorType) == 0) continue;
         KIV_LOGD("%s : %d", exercise.typeName.c_str(), static_cast<int>(type));
         list.push_back(type);
@@ -142,11 +143,12 @@ std::vector<kiv_sensor_factory::ExerciseType> kiv_sensor_factory::getAutoStopLis
     return list;
 }
 
-std::vector<kiv_sensor_factory::ExerciseType> kiv_sensor_factory::getAutoPauseList() {
+std::vector<kt::ExerciseType> getAutoPauseList(const kt::ExerciseTypeTable& exercises,
+                                               const discovered& found) {
     KIV_LOGD("List of Auto Pause Exercise Types Supported");
-    const std::unordered_set<std::string> available = listAvailableSensorTypes();
-    std::vector<ExerciseType> list;
-    for (const auto& [type, exercise] : kt::exerTypeMap) {
+    const std::unordered_set<std::string> available = listAvailableSensorTypes(found);
+    std::vector<kt::ExerciseType> list;
+    for (const auto& [type, exercise] : exercises) {
         if (!exercise.autoPause || available.count(exercise.sensorType) == 0) continue;
         KIV_LOGD("%s : %d", exercise.typeName.c_str(), static_cast<int>(type));
         list.push_back(type);
@@ -154,23 +156,28 @@ std::vector<kiv_sensor_factory::ExerciseType> kiv_sensor_factory::getAutoPauseLi
     return list;
 }
 
-void kiv_sensor_factory::setSensorAvailabilityStatus(std::string sensorType, bool status) {
-    for (auto& [type, row] : kt::dataTypeMap) {
+void setSensorAvailabilityStatus(kt::DataTypeTable& dataTypes, const std::string& sensorType,
+                                 bool status) {
+    for (auto& [type, row] : dataTypes) {
         if (row.sensorType == sensorType) row.available = status;
     }
 }
 
-bool kiv_sensor_factory::getSensorAvailabilityStatus(std::string sensorType) {
-    for (const auto& [type, row] : kt::dataTypeMap) {
+bool getSensorAvailabilityStatus(const kt::DataTypeTable& dataTypes, const std::string& sensorType) {
+    for (const auto& [type, row] : dataTypes) {
         if (row.sensorType == sensorType) return row.available;
     }
     return false;
 }
 
-std::vector<kiv_sensor_factory::DataType> kiv_sensor_factory::getAllDatatypes(std::string sensorType) {
-    std::vector<DataType> types;
-    for (const auto& [type, row] : kt::dataTypeMap) {
+std::vector<kt::DataType> getAllDatatypes(const kt::DataTypeTable& dataTypes,
+                                          const std::string& sensorType) {
+    std::vector<kt::DataType> types;
+    for (const auto& [type, row] : dataTypes) {
         if (row.sensorType == sensorType && row.available) types.push_back(type);
     }
     return types;
 }
+
+}  // namespace catalogue
+}  // namespace kivhal

@@ -4,10 +4,11 @@
 #include <cstring>
 #include <limits>
 
+#include "catalogue.h"
 #include "kiv_log.h"
-#include "kiv_sensor_factory.h"
 
-namespace kt = vendor::zep::hardware::kiv_types;
+namespace kivhal {
+namespace catalogue {
 
 namespace {
 
@@ -54,17 +55,18 @@ size_t digit_count(const char* text) {
 
 }  // namespace
 
-std::string kiv_sensor_factory::getSensorType(uint32_t type, bool isExercise) {
+std::string getSensorType(kt::DataTypeTable& dataTypes, kt::ExerciseTypeTable& exercises,
+                          uint32_t type, bool isExercise) {
     const int32_t key = static_cast<int32_t>(type);
-    if (isExercise) return kt::exerTypeMap[static_cast<ExerciseType>(key)].sensorType;
-    return kt::dataTypeMap[static_cast<DataType>(key)].sensorType;
+    if (isExercise) return exercises[static_cast<kt::ExerciseType>(key)].sensorType;
+    return dataTypes[static_cast<kt::DataType>(key)].sensorType;
 }
 
-bool kiv_sensor_factory::isSampleDataType(DataType type) {
-    return kt::dataTypeMap[type].isSample;
+bool isSampleDataType(kt::DataTypeTable& dataTypes, kt::DataType type) {
+    return dataTypes[type].isSample;
 }
 
-int32_t kiv_sensor_factory::hexStrToDec(const char* text) {
+int32_t hexStrToDec(const char* text) {
     if (text == nullptr) {
         KIV_LOGE("missing hexadecimal value");
         abort();
@@ -86,3 +88,6 @@ int32_t kiv_sensor_factory::hexStrToDec(const char* text) {
     }
     return sum;
 }
+
+}  // namespace catalogue
+}  // namespace kivhal

@@ -10,10 +10,12 @@
 #include <unordered_set>
 #include <vector>
 
+#include "catalogue.h"
 #include "kiv_log.h"
-#include "kiv_sensor_factory.h"
 
-namespace kt = vendor::zep::hardware::kiv_types;
+namespace kivhal {
+namespace catalogue {
+
 using tinyxml2::XMLAttribute;
 using tinyxml2::XMLElement;
 
@@ -140,7 +142,7 @@ bool read_comparison(const XMLElement& threshold, uint32_t* comparison, kiv_log_
     return true;
 }
 
-void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const char* sensorType,
+void add_datatype(kt::DataTypeTable& dataTypes, const XMLElement& entry, const char* sensorType,
                   const char* typeName, const char* configurationType) {
     kt::dataTypeInfo row;
     row.typeName = to_upper(typeName);
@@ -148,12 +150,11 @@ void add_datatype(kiv_sensor_factory& factory, const XMLElement& entry, const ch
     row.isSample = equals(configurationType, kSampleConfigurationType);
     row.isOem = equals(configurationType, kOemConfigurationType);
     row.available = true;
-    const auto key =
-        static_cast<kt::DataType>(factory.hexStrToDec(entry.Attribute("data_type_value")));
-    kt::dataTypeMap.insert_or_assign(key, std::move(row));
+    const auto key = static_cast<kt::DataType>(hexStrToDec(entry.Attribute("data_type_value")));
+    dataTypes.insert_or_assign(key, std::move(row));
 }
 
-void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
+void parse_datatypes(kt::DataTypeTable& dataTypes, const XMLElement* entry,
                      const char* configurationType,
                      std::unordered_set<std::string>* sensorTypesFound, kiv_log_op op) {
     if (configurationType == nullptr) {
@@ -169,7 +170,7 @@ void parse_datatypes(kiv_sensor_factory& factory, const XMLElement* entry,
             std::this_thread::yield();
             continue;
         }
-        add_datatype(factory, *entry, sensorType, typeName, configurationType);
+        add_datatype(dataTypes, *entry, sensorType, typeName, configurationType);
         sensorTypesFound->insert(sensorType);
         entry = entry->NextSiblingElement("datatype");
     }
@@ -200,13 +201,12 @@ void parse_goal(kt::DataType key, const XMLElement& goalElement, kt::dataTypeInf
 }
 
 // Goals may refer only to data types defined so far.
-void parse_goals(kiv_sensor_factory& factory, const XMLElement& goals, kiv_log_op op) {
+void parse_goals(kt::DataTypeTable& dataTypes, const XMLElement& goals, kiv_log_op op) {
     for (const XMLElement* goal = goals.FirstChildElement("goal"); goal != nullptr;
          goal = goal->NextSiblingElement("goal")) {
-        const auto key =
-            static_cast<kt::DataType>(factory.hexStrToDec(goal->Attribute("data_type_value")));
-        auto row = kt::dataTypeMap.find(key);
-        if (row == kt::dataTypeMap.end()) continue;
+        const auto key = static_cast<kt::DataType>(hexStrToDec(goal->Attribute("data_type_value")));
+        auto row = dataTypes.find(key);
+        if (row == dataTypes.end()) continue;
         parse_goal(key, *goal, &row->second, op);
     }
 }
@@ -248,6 +248,8 @@ class rows_by_type_name {
         std::vector<row_ref>::const_iterator end() const { return last; }
     };
 
+    explicit rows_by_type_name(const kt::DataTypeTable& dataTypes) : _dataTypes(dataTypes) {}
+
     range rows_named(const std::string& typeName) {
         if (!_built) build();
         auto rows = std::equal_range(_rows.cbegin(), _rows.cend(), row_ref{typeName, {}}, by_name);
@@ -259,19 +261,21 @@ class rows_by_type_name {
 
     // One sorted array: a stable sort keeps the table's order among equal names.
     void build() {
-        _rows.reserve(kt::dataTypeMap.size());
-        for (const auto& [key, row] : kt::dataTypeMap) _rows.push_back({row.typeName, key});
+        _rows.reserve(_dataTypes.size());
+        for (const auto& [key, row] : _dataTypes) _rows.push_back({row.typeName, key});
         std::stable_sort(_rows.begin(), _rows.end(), by_name);
         _built = true;
     }
 
+    const kt::DataTypeTable& _dataTypes;
     bool _built = false;
     std::vector<row_ref> _rows;
 };
 
 }  // namespace
 
-bool kiv_sensor_factory::parseOEMConfig(const char* path) {
+bool parseOEMConfig(const char* path, kt::DataTypeTable& dataTypes,
+                    kt::ExerciseTypeTable& exercises, std::vector<std::string>& discoveryList) {
     tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
     if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
         KIV_LOGE("XML Config File Not Opened");
@@ -290,20 +294,20 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
         const XMLElement* datatypes = configuration->FirstChildElement("datatypes");
         const XMLElement* firstDatatype =
             datatypes != nullptr ? datatypes->FirstChildElement("datatype") : nullptr;
-        if (firstDatatype == nullptr && next == nullptr && kt::dataTypeMap.empty()) return false;
+        if (firstDatatype == nullptr && next == nullptr && dataTypes.empty()) return false;
         if (firstDatatype != nullptr) {
-            parse_datatypes(*this, firstDatatype, configuration->Attribute("type"),
+            parse_datatypes(dataTypes, firstDatatype, configuration->Attribute("type"),
                             &sensorTypesFound, KIV_LOG_OP);
         }
 
         KIV_LOGD("Parsing Goals");
         const XMLElement* goals = configuration->FirstChildElement("goals");
-        if (goals != nullptr) parse_goals(*this, *goals, KIV_LOG_OP);
+        if (goals != nullptr) parse_goals(dataTypes, *goals, KIV_LOG_OP);
 
         KIV_LOGD("Parsing AutoExercise Elements");
         const XMLElement* autoExercise = configuration->FirstChildElement("autoExerciseType");
         if (autoExercise != nullptr) {
-            rows_by_type_name index;
+            rows_by_type_name index(dataTypes);
             for (const XMLElement* element = autoExercise->FirstChildElement("exercisetype");
                  element != nullptr; element = element->NextSiblingElement("exercisetype")) {
                 int32_t number = 0;
@@ -324,10 +328,10 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
                     }
                 }
                 KIV_LOGD("Adding exercise %d in exerMap", number);
-                kt::exerTypeMap.insert_or_assign(static_cast<ExerciseType>(number),
-                                                 std::move(exercise));
+                exercises.insert_or_assign(static_cast<kt::ExerciseType>(number),
+                                           std::move(exercise));
             }
-            KIV_LOGD("AutoExerciseMap Size = %d", static_cast<int>(kt::exerTypeMap.size()));
+            KIV_LOGD("AutoExerciseMap Size = %d", static_cast<int>(exercises.size()));
         }
         configuration = next;
     }
@@ -335,3 +339,6 @@ bool kiv_sensor_factory::parseOEMConfig(const char* path) {
     discoveryList.insert(discoveryList.end(), sensorTypesFound.begin(), sensorTypesFound.end());
     return true;
 }
+
+}  // namespace catalogue
+}  // namespace kivhal
