@@ -17,12 +17,13 @@
 #include <sstream>
 #include <string>
 
+#include "catalogue.h"
 #include "kiv_log.h"
-#include "kiv_sensor_factory.h"
 #include "kiv_types.h"
 #include "kivhal/platform.h"
 #include "test_support.h"
 
+namespace catalogue = kivhal::catalogue;
 namespace kt = vendor::zep::hardware::kiv_types;
 
 namespace {
@@ -104,29 +105,33 @@ std::string generate_config() {
     return xml.str();
 }
 
+// What one parse fills, as the factory holds it.
+struct parsed_catalogue {
+    bool parse(const char* path) {
+        return catalogue::parseOEMConfig(path, dataTypes, exercises, discoveryList);
+    }
+
+    kt::DataTypeTable dataTypes;
+    kt::ExerciseTypeTable exercises;
+    std::vector<std::string> discoveryList;
+};
+
 class catalogue_fixture {
   public:
     catalogue_fixture() {
         root.write_file(kConfigPath, generate_config());
         path = kivhal::platform::resolve_path(kConfigPath);
-    }
-
-    static void reset_tables() {
-        kt::dataTypeMap.clear();
-        kt::exerTypeMap.clear();
-    }
-
-    static void discover(kiv_sensor_factory& factory) {
         for (int s = 0; s < kSensorTypes; ++s) {
             const sensor_uid suid = {static_cast<uint64_t>(s), static_cast<uint64_t>(s)};
-            factory.suidMap[sensor_name(s)] = {suid};
-            if (s % kSilentSensorEvery != 0)
-                factory.attributesMap.emplace(suid, sensor_attributes());
+            suids[sensor_name(s)] = {suid};
+            if (s % kSilentSensorEvery != 0) attributes.emplace(suid, sensor_attributes());
         }
     }
 
     kivhal::test::scoped_root root;
     std::string path;
+    catalogue::SuidMap suids;
+    catalogue::AttributesMap attributes;
 };
 
 catalogue_fixture& fixture() {
@@ -176,12 +181,11 @@ __attribute__((noinline)) size_t load_and_walk(const char* path) {
 
 // The heap one parse needs at its peak.
 int64_t parse_peak_heap(const char* path) {
-    catalogue_fixture::reset_tables();
-    kiv_sensor_factory factory;
+    parsed_catalogue parsed;
     g_tracking = true;
     const int64_t baseline = g_live_bytes.load();
     g_peak_bytes.store(baseline);
-    benchmark::DoNotOptimize(factory.parseOEMConfig(path));
+    benchmark::DoNotOptimize(parsed.parse(path));
     const int64_t peak = g_peak_bytes.load() - baseline;
     g_tracking = false;
     return peak;
@@ -192,22 +196,23 @@ void BM_ParseConfig(benchmark::State& state) {
     const long rss_before = max_rss_kb();
     const int64_t peak_heap = parse_peak_heap(f.path.c_str());
     double parse_seconds = 0, walk_seconds = 0;
+    size_t rows = 0;
     for (auto _ : state) {
-        catalogue_fixture::reset_tables();
-        auto factory = std::make_unique<kiv_sensor_factory>();
+        auto parsed = std::make_unique<parsed_catalogue>();
 
         auto start = clock_type::now();
         benchmark::DoNotOptimize(load_and_walk(f.path.c_str()));
         walk_seconds += seconds_since(start);
 
         start = clock_type::now();
-        benchmark::DoNotOptimize(factory->parseOEMConfig(f.path.c_str()));
+        benchmark::DoNotOptimize(parsed->parse(f.path.c_str()));
         const double parse = seconds_since(start);
+        rows = parsed->dataTypes.size();
         parse_seconds += parse;
         state.SetIterationTime(parse);
     }
     const double iterations = static_cast<double>(state.iterations());
-    state.counters["rows"] = static_cast<double>(kt::dataTypeMap.size());
+    state.counters["rows"] = static_cast<double>(rows);
     state.counters["peak_heap_bytes"] = static_cast<double>(peak_heap);
     state.counters["maxrss_delta_kb"] = static_cast<double>(max_rss_kb() - rss_before);
     state.counters["walk_ms"] = walk_seconds * 1e3 / iterations;
@@ -216,39 +221,40 @@ void BM_ParseConfig(benchmark::State& state) {
 }
 BENCHMARK(BM_ParseConfig)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-void run_every_query(kiv_sensor_factory& factory) {
-    benchmark::DoNotOptimize(factory.listAvailableSensorTypes());
-    benchmark::DoNotOptimize(factory.getSupportedMetricsTypes());
-    benchmark::DoNotOptimize(factory.getSupportedGoals());
+void run_every_query(parsed_catalogue& parsed, const catalogue::discovered& found) {
+    kt::DataTypeTable& dataTypes = parsed.dataTypes;
+    benchmark::DoNotOptimize(catalogue::listAvailableSensorTypes(found));
+    benchmark::DoNotOptimize(catalogue::getSupportedMetricsTypes(dataTypes, found));
+    benchmark::DoNotOptimize(catalogue::getSupportedGoals(dataTypes, found));
     kt::DataTypeGoal goal{};
     goal.dataType = static_cast<kt::DataType>(kFirstDataType);
     goal.comparisonType = kt::GOAL_GREATER_THAN_OR_EQUAL;
-    benchmark::DoNotOptimize(factory.isGoalSupported(goal));
-    benchmark::DoNotOptimize(factory.getAutoStartList());
-    benchmark::DoNotOptimize(factory.getAutoStopList());
-    benchmark::DoNotOptimize(factory.getAutoPauseList());
-    factory.setSensorAvailabilityStatus(sensor_name(1), true);
-    benchmark::DoNotOptimize(factory.getSensorAvailabilityStatus(sensor_name(1)));
-    benchmark::DoNotOptimize(factory.getAllDatatypes(sensor_name(1)));
+    benchmark::DoNotOptimize(catalogue::isGoalSupported(dataTypes, goal));
+    benchmark::DoNotOptimize(catalogue::getAutoStartList(parsed.exercises));
+    benchmark::DoNotOptimize(catalogue::getAutoStopList(parsed.exercises, found));
+    benchmark::DoNotOptimize(catalogue::getAutoPauseList(parsed.exercises, found));
+    catalogue::setSensorAvailabilityStatus(dataTypes, sensor_name(1), true);
+    benchmark::DoNotOptimize(catalogue::getSensorAvailabilityStatus(dataTypes, sensor_name(1)));
+    benchmark::DoNotOptimize(catalogue::getAllDatatypes(dataTypes, sensor_name(1)));
 }
 
 void BM_QuerySet(benchmark::State& state) {
     catalogue_fixture& f = fixture();
-    catalogue_fixture::reset_tables();
-    kiv_sensor_factory factory;
-    if (!factory.parseOEMConfig(f.path.c_str())) {
+    parsed_catalogue parsed;
+    if (!parsed.parse(f.path.c_str())) {
         state.SkipWithError("configuration did not parse");
         return;
     }
-    catalogue_fixture::discover(factory);
+    const catalogue::discovered found{f.suids, f.attributes};
     int64_t peak_heap = 0;
     for (auto _ : state) {
         const int64_t baseline = g_live_bytes.load();
         g_peak_bytes.store(baseline);
-        run_every_query(factory);
+        run_every_query(parsed, found);
         peak_heap = std::max(peak_heap, g_peak_bytes.load() - baseline);
     }
-    state.counters["goals"] = static_cast<double>(factory.getSupportedGoals().size());
+    const size_t goals = catalogue::getSupportedGoals(parsed.dataTypes, found).size();
+    state.counters["goals"] = static_cast<double>(goals);
     state.counters["peak_heap_bytes"] = static_cast<double>(peak_heap);
 }
 BENCHMARK(BM_QuerySet)->Unit(benchmark::kMicrosecond);

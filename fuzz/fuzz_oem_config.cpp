@@ -5,11 +5,12 @@
 
 #include <string>
 
+#include "catalogue.h"
 #include "fuzz_support.h"
-#include "kiv_sensor_factory.h"
 
 namespace {
 
+namespace catalogue = kivhal::catalogue;
 namespace kt = vendor::zep::hardware::kiv_types;
 
 constexpr char kConfigPath[] = "/vendor/etc/sensors/oem_config.xml";
@@ -62,17 +63,21 @@ bool parser_would_stop(const std::string& path) {
     return false;
 }
 
-void ask_every_query(kiv_sensor_factory& factory) {
-    for (const std::string& type : factory.listAvailableSensorTypes()) {
-        factory.getAllDatatypes(type);
-        factory.setSensorAvailabilityStatus(type, !factory.getSensorAvailabilityStatus(type));
+void ask_every_query(kt::DataTypeTable& dataTypes, const kt::ExerciseTypeTable& exercises,
+                     const catalogue::discovered& found) {
+    for (const std::string& type : catalogue::listAvailableSensorTypes(found)) {
+        catalogue::getAllDatatypes(dataTypes, type);
+        catalogue::setSensorAvailabilityStatus(
+            dataTypes, type, !catalogue::getSensorAvailabilityStatus(dataTypes, type));
     }
-    for (const auto& goal : factory.getSupportedGoals()) factory.isGoalSupported(goal);
-    factory.getSupportedMetricsTypes();
-    factory.getAutoStartList();
-    factory.getAutoStopList();
-    factory.getAutoPauseList();
-    for (const auto& row : kt::dataTypeMap) factory.isSampleDataType(row.first);
+    for (const auto& goal : catalogue::getSupportedGoals(dataTypes, found)) {
+        catalogue::isGoalSupported(dataTypes, goal);
+    }
+    catalogue::getSupportedMetricsTypes(dataTypes, found);
+    catalogue::getAutoStartList(exercises);
+    catalogue::getAutoStopList(exercises, found);
+    catalogue::getAutoPauseList(exercises, found);
+    for (const auto& row : dataTypes) catalogue::isSampleDataType(dataTypes, row.first);
 }
 
 }  // namespace
@@ -88,11 +93,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string path = kivhal::fuzz::host_path(kConfigPath);
     if (parser_would_stop(path)) return -1;  // not added to the corpus
 
-    // The tables are process-wide; each input starts from empty ones.
-    kt::dataTypeMap.clear();
-    kt::exerTypeMap.clear();
-    kiv_sensor_factory factory;
-    if (factory.parseOEMConfig(path.c_str())) ask_every_query(factory);
+    kt::DataTypeTable dataTypes;
+    kt::ExerciseTypeTable exercises;
+    std::vector<std::string> discoveryList;
+    if (catalogue::parseOEMConfig(path.c_str(), dataTypes, exercises, discoveryList)) {
+        // Nothing was discovered: the lists that need attributes stay empty.
+        const catalogue::SuidMap suids;
+        const catalogue::AttributesMap attributes;
+        ask_every_query(dataTypes, exercises, {suids, attributes});
+    }
     kivhal::fuzz::end_input();
     return 0;
 }
