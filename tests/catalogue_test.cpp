@@ -1,20 +1,21 @@
-#include <gmock/gmock.h>
+#include "catalogue.h"
 
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
 #include <limits>
 #include <map>
-#include <thread>
 
 #include "kiv_log.h"
-#include "kiv_sensor_factory.h"
-#include "kiv_types.h"
-#include "kivhal/platform.h"
 #include "test_support.h"
 
 // A "datatype" entry without "sensor_type" or "type" stalls the parser for
 // good; that is the file's contract, checked by the configuration validator
 // tool.
 
+namespace catalogue = kivhal::catalogue;
 namespace kt = vendor::zep::hardware::kiv_types;
 using kivhal::test::log_lines_containing;
 using ::testing::ElementsAre;
@@ -24,7 +25,6 @@ using ::testing::UnorderedElementsAre;
 
 namespace {
 
-constexpr const char* kConfigPath = "/vendor/etc/sensors/oem_config.xml";
 constexpr int32_t kInt32Max = std::numeric_limits<int32_t>::max();
 constexpr uint32_t kGe = kt::GOAL_GREATER_THAN_OR_EQUAL;
 constexpr uint32_t kLe = kt::GOAL_LESS_THAN_OR_EQUAL;
@@ -49,24 +49,28 @@ std::string bytes_of(const kt::DataTypeGoal& g) {
     return std::string(reinterpret_cast<const char*>(g.threshold.bytesValue), g.thresholdLength);
 }
 
+// Tables and a discovery list of the test's own; the list starts with a name
+// that the files below name again, which the parse must append regardless.
 class CatalogueTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        kt::dataTypeMap.clear();
-        kt::exerTypeMap.clear();
-        kiv_log::set_level(kiv_log::VERBOSE);
+    void SetUp() override { kiv_log::set_level(kiv_log::VERBOSE); }
+    bool parse_file(const std::string& path) {
+        return catalogue::parseOEMConfig(path.c_str(), dataTypes, exercises, discoveryList);
     }
     bool parse(const std::string& xml) {
-        root.write_file(kConfigPath, xml);
-        return factory.parseOEMConfig(kivhal::platform::resolve_path(kConfigPath).c_str());
+        root.write_file("/oem_config.xml", xml);
+        return parse_file(root.host_path("/oem_config.xml"));
     }
-    static const kt::dataTypeInfo& row(int32_t value) { return kt::dataTypeMap.at(dt(value)); }
-    static const kt::exerTypeInfo& exercise(int32_t number) {
-        return kt::exerTypeMap.at(ex(number));
+    bool parse_data(const std::string& name) {
+        return parse_file(std::string(KIVHAL_TEST_DATA_DIR) + "/" + name);
     }
+    const kt::dataTypeInfo& row(int32_t value) { return dataTypes.at(dt(value)); }
+    const kt::exerTypeInfo& exercise(int32_t number) { return exercises.at(ex(number)); }
 
     kivhal::test::scoped_root root;
-    kiv_sensor_factory factory;
+    kt::DataTypeTable dataTypes;
+    kt::ExerciseTypeTable exercises;
+    std::vector<std::string> discoveryList{"steps"};
 };
 
 TEST(CatalogueOutputFormatTest, FollowsRangesAndHoles) {
@@ -84,10 +88,9 @@ TEST(CatalogueOutputFormatTest, FollowsRangesAndHoles) {
     }
 }
 
-TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbortsWithoutDigits) {
+TEST(CatalogueHexTest, SkipsPrefixRepeatsDigitForNonHexSaturatesAndAbortsWithoutDigits) {
     const std::pair<std::string, int32_t> cases[] = {
         {"0x1f", 31},
-        {"0X0A", 10},
         {"zz10", 16},
         {"0xABCDEF", 0xABCDEF},
         {"0xg1", 17},
@@ -97,76 +100,49 @@ TEST_F(CatalogueTest, HexStrToDecSkipsPrefixRepeatsDigitForNonHexSaturatesAndAbo
         {"0x80000000", kInt32Max},
         {"0x123456789ABCDEF0123", kInt32Max},
         // Leading zeros beyond any double exponent contribute nothing.
-        {"0x" + std::string(400, '0') + "1", 1}};
-    for (const auto& [text, value] : cases)
-        EXPECT_EQ(factory.hexStrToDec(text.c_str()), value) << text;
+        {"0x" + std::string(400, '0') + "1", 1},
+    };
+    for (const auto& [text, value] : cases) {
+        EXPECT_EQ(catalogue::hexStrToDec(text.c_str()), value) << text;
+    }
     // The child logs to stderr too, so the parent sees the line written before the abort.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto convert = [this](const char* text) {
-        kiv_log::set_stderr_logging(true);
-        factory.hexStrToDec(text);
+    const std::pair<const char*, const char*> fatal[] = {
+        {"0x", "no hexadecimal digits in '0x'"},
+        {"0", "no hexadecimal digits in '0'"},
+        {nullptr, "missing hexadecimal value"},
     };
-    for (const char* text : {"0x", "0"}) {
-        EXPECT_EXIT(convert(text), ::testing::KilledBySignal(SIGABRT),
-                    std::string("hexStrToDec:[0-9]+, no hexadecimal digits in '") + text + "'\n");
+    kiv_log::set_stderr_logging(true);
+    for (const auto& [text, line] : fatal) {
+        EXPECT_EXIT(catalogue::hexStrToDec(text), ::testing::KilledBySignal(SIGABRT),
+                    std::string("hexStrToDec:[0-9]+, ") + line + "\n");
     }
-    EXPECT_EXIT(convert(nullptr), ::testing::KilledBySignal(SIGABRT),
-                "hexStrToDec:[0-9]+, missing hexadecimal value\n");
+    kiv_log::set_stderr_logging(false);
 }
 
 // Each row follows its own element's type; lookups insert empty rows for unknown keys.
 TEST_F(CatalogueTest, RowsFollowTheirOwnConfigurationAndSensorTypesAppendOnce) {
-    ASSERT_TRUE(parse(R"(<?xml version="1.0"?>
-<configuration type="KIV_sample_datatype"><datatypes>
-  <datatype sensor_type="steps" type="steps" data_type_value="0x1000"/>
-  <datatype sensor_type="steps" type="dist" data_type_value="0x1002"/></datatypes></configuration>
-<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="Heart" type="Heart_bpm" data_type_value="0x1001"/></datatypes></configuration>
-<configuration type="other"><datatypes>
-  <datatype sensor_type="spo2" type="spo2" data_type_value="0x2"/></datatypes></configuration>)"));
-
-    EXPECT_TRUE(row(0x1000).isSample && !row(0x1000).isOem && factory.isSampleDataType(dt(0x1000)));
+    ASSERT_TRUE(parse_data("catalogue_rows.xml"));
+    EXPECT_TRUE(row(0x1000).isSample && !row(0x1000).isOem);
+    EXPECT_TRUE(catalogue::isSampleDataType(dataTypes, dt(0x1000)));
     EXPECT_TRUE(!row(0x1001).isSample && row(0x1001).isOem && row(0x1001).available);
     EXPECT_FALSE(row(0x2).isSample || row(0x2).isOem);
-    EXPECT_EQ(row(0x1001).typeName, "HEART_BPM");
-    EXPECT_EQ(factory.getSensorType(0x1001, false), "Heart");
-    std::vector<std::string> names(factory.discoveryList.begin(), factory.discoveryList.end());
-    std::sort(names.begin() + 2, names.end());
-    EXPECT_THAT(names, ElementsAre("health", "health_async_announce", "Heart", "spo2", "steps"));
+    EXPECT_EQ(catalogue::getSensorType(dataTypes, exercises, 0x1001, false), "Heart");
+    std::sort(discoveryList.begin() + 1, discoveryList.end());
+    EXPECT_THAT(discoveryList, ElementsAre("steps", "Heart", "spo2", "steps"));
 
-    EXPECT_EQ(factory.getSensorType(0x1001, true), "");
-    EXPECT_FALSE(factory.isSampleDataType(dt(0x1009)));
-    EXPECT_EQ(kt::dataTypeMap.size(), 5u);
-    EXPECT_EQ(kt::exerTypeMap.size(), 1u);
+    EXPECT_EQ(catalogue::getSensorType(dataTypes, exercises, 0x1001, true), "");
+    EXPECT_FALSE(catalogue::isSampleDataType(dataTypes, dt(0x1009)));
+    EXPECT_EQ(dataTypes.size(), 5u);
+    EXPECT_EQ(exercises.size(), 1u);
 }
 
 // Goals of data types defined so far, by threshold kind; a later redefinition clears them.
 TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
-    ASSERT_TRUE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="a" type="a" data_type_value="0x1000"/>
-  <datatype sensor_type="b" type="b" data_type_value="0x10000"/>
-  <datatype sensor_type="c" type="c" data_type_value="0x1001"/></datatypes><goals>
-  <goal data_type_value="0x1008"><threshold type="int" type_value="1" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  <goal datatype="a" data_type_value="0x1000">
-    <threshold type="integer" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    <threshold type="int" type_value="-3" comparison_type="LESS_THAN_OR_EQUAL_TO"/>
-    <threshold type="int" type_value="7" comparison_type="EQUAL"/><threshold type="int" type_value="7"/><threshold type_value="7"
-      comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="double" type_value="7" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x10000">
-    <threshold type="byte" type_value="A&amp;B" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    <threshold type="bytes" type_value="123" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
-      comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="byte"
-      type_value="Z" comparison_type="less_than_or_equal"/></goal>
-  <goal data_type_value="0x1001">
-    <threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/>
-    <threshold type="float" type_value="abc" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-</goals></configuration><configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="d" type="d" data_type_value="0x1008"/></datatypes></configuration>)"));
-
+    ASSERT_TRUE(parse_data("catalogue_goals.xml"));
     EXPECT_FALSE(row(0x1008).goalSupported);  // defined only after its goal
     const auto& a = row(0x1000).goals;
     ASSERT_EQ(a.size(), 2u);
-    EXPECT_TRUE(row(0x1000).goalSupported);
     EXPECT_TRUE(a[0].dataType == dt(0x1000) && a[0].threshold.intValue == 5000 &&
                 a[0].comparisonType == kGe);
     EXPECT_TRUE(a[1].threshold.intValue == -3 && a[1].comparisonType == kLe);
@@ -177,7 +153,7 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
     EXPECT_FLOAT_EQ(row(0x1001).goals[0].threshold.floatValue, 2.5f);
     EXPECT_FLOAT_EQ(row(0x1001).goals[1].threshold.floatValue, 0.0f);
 
-    factory.setSensorAvailabilityStatus("a", false);
+    catalogue::setSensorAvailabilityStatus(dataTypes, "a", false);
     ASSERT_TRUE(parse(R"(<configuration type="KIV_sample_datatype"><datatypes>
   <datatype sensor_type="new" type="new" data_type_value="0x1000"/></datatypes></configuration>)"));
     EXPECT_EQ(row(0x1000).sensorType, "new");
@@ -189,22 +165,12 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
 // Every row of a matching name, in the table's own order, also a row the
 // exercise's own element added; a later definition of a number wins.
 TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeInTableOrderOnlyWhenAutoStart) {
-    ASSERT_TRUE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="w" type="Walking" data_type_value="0x1000"/><datatype sensor_type="r" type="RUNNING" data_type_value="0x1009"/>
-  <datatype sensor_type="w2" type="WALKING" data_type_value="0x1008"/></datatypes><autoExerciseType>
-  <exercisetype type="walk" sensor_type="ex" exercise_num="3" auto_start="true" auto_stop="1">
-    <datatype type="walking"/><datatype type="swimming"/><datatype/></exercisetype>
-  <exercisetype type="run" sensor_type="ex" exercise_num="9" auto_pause="yes"><datatype type="RUNNING"/></exercisetype>
-  <exercisetype sensor_type="ex" exercise_num="5" auto_start="true"/></autoExerciseType></configuration>
-<configuration type="KIV_oem_datatype"><datatypes><datatype sensor_type="w" type="walking" data_type_value="0x1010"/>
-  </datatypes><autoExerciseType><exercisetype type="second" sensor_type="b" exercise_num="9" auto_pause="true"
-  auto_start="true"><datatype type="Walking"/></exercisetype></autoExerciseType></configuration>)"));
-
+    ASSERT_TRUE(parse_data("catalogue_exercises.xml"));
     std::vector<kt::DataType> walking;
-    for (const auto& [key, info] : kt::dataTypeMap) {
+    for (const auto& [key, info] : dataTypes) {
         if (info.typeName == "WALKING") walking.push_back(key);
     }
-    ASSERT_EQ(kt::exerTypeMap.size(), 2u);
+    ASSERT_EQ(exercises.size(), 2u);
     EXPECT_EQ(exercise(3).typeName, "WALK");
     EXPECT_TRUE(exercise(3).autoStart && exercise(3).autoStop && !exercise(3).autoPause);
     EXPECT_THAT(exercise(3).autoStartDataTypes, UnorderedElementsAre(dt(0x1000), dt(0x1008)));
@@ -215,7 +181,7 @@ TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeInTableOrderOnlyWhenA
 
 TEST_F(CatalogueTest,
        LoadFailuresAndMissingDataTypesReturnFalseAMissingValueAbortsAndMissingNamesStall) {
-    EXPECT_FALSE(factory.parseOEMConfig(root.host_path("/vendor/etc/sensors/none.xml").c_str()));
+    EXPECT_FALSE(parse_file(root.host_path("/none.xml")));
     EXPECT_FALSE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>)"));
     EXPECT_EQ(log_lines_containing("XML Config File Not Opened", ANDROID_LOG_ERROR).size(), 2u);
     EXPECT_FALSE(parse("<config><datatypes/></config>"));
@@ -223,31 +189,27 @@ TEST_F(CatalogueTest,
     EXPECT_FALSE(parse(R"(<configuration><autoExerciseType>
   <exercisetype type="w" sensor_type="s" exercise_num="1"/></autoExerciseType></configuration>
   <configuration><datatypes/></configuration>)"));
-    EXPECT_EQ(kt::exerTypeMap.size(), 1u);
-    EXPECT_EQ(factory.discoveryList.size(), 2u);
-    kt::dataTypeMap[dt(1)] = kt::dataTypeInfo{};
+    EXPECT_EQ(exercises.size(), 1u);
+    EXPECT_EQ(discoveryList.size(), 1u);
+    dataTypes[dt(1)] = kt::dataTypeInfo{};
     EXPECT_TRUE(parse("<configuration/>"));
 
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // a data type without a value is not guarded
     EXPECT_EXIT(
         {
             kiv_log::set_stderr_logging(true);
-            parse(
-                R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/></datatypes></configuration>)");
+            parse(R"(<configuration type="t"><datatypes><datatype sensor_type="s" type="t"/>
+</datatypes></configuration>)");
         },
         ::testing::KilledBySignal(SIGABRT), "hexStrToDec:[0-9]+, missing hexadecimal value\n");
     // One without its names stalls the parse for good: still running after 200 ms.
     EXPECT_EXIT(
         {
-            std::thread([&] {
-                parse(
-                    R"(<configuration><datatypes><datatype type="t"/></datatypes></configuration>)");
-                _exit(1);
-            }).detach();
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            ualarm(200 * 1000, 0);
+            parse(R"(<configuration><datatypes><datatype type="t"/></datatypes></configuration>)");
             _exit(0);
         },
-        ::testing::ExitedWithCode(0), "");
+        ::testing::KilledBySignal(SIGALRM), "");
 }
 
 // "steps" and "heart" have attributes ("heart" through two sensors); "silent"
@@ -257,85 +219,91 @@ class CatalogueQueriesTest : public CatalogueTest {
     void SetUp() override {
         CatalogueTest::SetUp();
         const sensor_uid steps = {1, 1}, heart = {2, 2}, heart2 = {2, 3}, silent = {3, 3};
-        factory.suidMap = {{"steps", {steps}}, {"heart", {heart, heart2}}, {"silent", {silent}}};
-        for (const sensor_uid& suid : {steps, heart, heart2})
-            factory.attributesMap.emplace(suid, sensor_attributes());
-        ASSERT_TRUE(parse(R"(<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="steps" type="a" data_type_value="0x1000"/><datatype sensor_type="heart" type="b"
-    data_type_value="0x1001"/><datatype sensor_type="heart" type="c" data_type_value="0x10000"/>
-  <datatype sensor_type="steps" type="d" data_type_value="0x5001"/><datatype sensor_type="silent" type="e"
-    data_type_value="0x1008"/></datatypes><goals>
-  <goal data_type_value="0x1000"><threshold type="int" type_value="5000" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    <threshold type="int" type_value="60" comparison_type="LESS_THAN_OR_EQUAL"/><threshold type="int"
-      type_value="10" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x1001"><threshold type="float" type_value="1.5" comparison_type="LESS_THAN_OR_EQUAL"/>
-    <threshold type="float" type_value="-1.5" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x10000"><threshold type="byte" type_value="A&#xFF;" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x5001"><threshold type="int" type_value="1" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
-  <goal data_type_value="0x1008"><threshold type="float" type_value="2.5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
-</goals><autoExerciseType>
-  <exercisetype type="one" sensor_type="steps" exercise_num="1" auto_start="true" auto_stop="true"
-    auto_pause="true"><datatype type="A"/><datatype type="B"/></exercisetype>
-  <exercisetype type="two" sensor_type="silent" exercise_num="2" auto_start="true" auto_stop="true" auto_pause="true"/>
-  <exercisetype type="three" sensor_type="heart" exercise_num="3" auto_pause="true"/>
-  <exercisetype type="four" sensor_type="gone" exercise_num="4" auto_stop="true"/>
-</autoExerciseType></configuration>)"));
+        suids = {{"steps", {steps}}, {"heart", {heart, heart2}}, {"silent", {silent}}};
+        attributes = {{steps, {}}, {heart, {}}, {heart2, {}}};
+        ASSERT_TRUE(parse_data("catalogue_queries.xml"));
     }
+
+    catalogue::SuidMap suids;
+    catalogue::AttributesMap attributes;
+    const catalogue::discovered found{suids, attributes};
 };
 
 TEST_F(CatalogueQueriesTest, MetricsFollowDiscoveredAttributesNotTheRowFlag) {
-    factory.setSensorAvailabilityStatus("heart", false);
-    EXPECT_THAT(factory.listAvailableSensorTypes(), UnorderedElementsAre("steps", "heart"));
-    EXPECT_THAT(factory.getSupportedMetricsTypes(),
+    catalogue::setSensorAvailabilityStatus(dataTypes, "heart", false);
+    EXPECT_THAT(catalogue::listAvailableSensorTypes(found), UnorderedElementsAre("steps", "heart"));
+    EXPECT_THAT(catalogue::getSupportedMetricsTypes(dataTypes, found),
                 UnorderedElementsAre(dt(0x1000), dt(0x1001), dt(0x10000), dt(0x5001)));
-    EXPECT_FALSE(factory.getSensorAvailabilityStatus("heart"));
-    EXPECT_THAT(factory.getAllDatatypes("heart"), IsEmpty());
-    EXPECT_TRUE(factory.getSensorAvailabilityStatus("silent"));
-    EXPECT_THAT(factory.getAllDatatypes("silent"), ElementsAre(dt(0x1008)));
-    factory.setSensorAvailabilityStatus("heart", true);
-    EXPECT_THAT(factory.getAllDatatypes("heart"), UnorderedElementsAre(dt(0x1001), dt(0x10000)));
-    factory.setSensorAvailabilityStatus("Heart", false);
-    EXPECT_FALSE(factory.getSensorAvailabilityStatus("Heart"));
-    EXPECT_TRUE(factory.getSensorAvailabilityStatus("heart"));
+    EXPECT_FALSE(catalogue::getSensorAvailabilityStatus(dataTypes, "heart"));
+    EXPECT_THAT(catalogue::getAllDatatypes(dataTypes, "heart"), IsEmpty());
+    EXPECT_TRUE(catalogue::getSensorAvailabilityStatus(dataTypes, "silent"));
+    EXPECT_THAT(catalogue::getAllDatatypes(dataTypes, "silent"), ElementsAre(dt(0x1008)));
+    EXPECT_FALSE(catalogue::getSensorAvailabilityStatus(dataTypes, "Heart"));
+    catalogue::setSensorAvailabilityStatus(dataTypes, "heart", true);
+    EXPECT_THAT(catalogue::getAllDatatypes(dataTypes, "heart"),
+                UnorderedElementsAre(dt(0x1001), dt(0x10000)));
+    catalogue::setSensorAvailabilityStatus(dataTypes, "Heart", false);
+    EXPECT_TRUE(catalogue::getSensorAvailabilityStatus(dataTypes, "heart"));
 }
 
 // The first goal of the comparison decides, whatever the availability; an
 // unknown data type gets an empty row.
 TEST_F(CatalogueQueriesTest, GoalCheckUsesFirstGoalOfTheComparisonAndOfferedGoalsNeedAttributes) {
-    factory.setSensorAvailabilityStatus("steps", false);
+    catalogue::setSensorAvailabilityStatus(dataTypes, "steps", false);
     const std::pair<kt::DataTypeGoal, bool> cases[] = {
-        {goal(0x1000, kGe, 6000), true},      {goal(0x1000, kGe, 5000), true},
-        {goal(0x1000, kGe, 4000), false},     {goal(0x1000, kLe, 45), true},
-        {goal(0x1000, kLe, 61), false},       {goal(0x1000, 2, 45), false},
-        {goal(0x1008, kLe, 0, 2.5f), true},   {goal(0x1008, kLe, 0, 2.6f), false},
-        {goal(0x1008, kGe, 0, 9.0f), false},  {goal(0x1001, kLe, 0, 1.5f), true},
-        {goal(0x1001, kLe, 0, 1.6f), false},  {goal(0x1001, kGe, 0, -1.0f), true},
-        {goal(0x1001, kGe, 0, -2.0f), false}, {goal(0x10000, kLe, 0), true},
-        {goal(0x10000, kGe, 0), false},       {goal(0x5001, kLe, 1), false},
-        {goal(0x1009, kLe, 1), false}};
+        // Integers: the first GREATER_THAN_OR_EQUAL goal is 5000, the LESS_THAN_OR_EQUAL one 60.
+        {goal(0x1000, kGe, 6000), true},
+        {goal(0x1000, kGe, 5000), true},
+        {goal(0x1000, kGe, 4000), false},
+        {goal(0x1000, kLe, 45), true},
+        {goal(0x1000, kLe, 61), false},
+        {goal(0x1000, 2, 45), false},
+        // Floats, also of a sensor type without attributes.
+        {goal(0x1008, kLe, 0, 2.5f), true},
+        {goal(0x1001, kLe, 0, 1.5f), true},
+        {goal(0x1001, kLe, 0, 1.6f), false},
+        {goal(0x1001, kGe, 0, -1.0f), true},
+        {goal(0x1001, kGe, 0, -2.0f), false},
+        // Bytes are not compared; other formats and unknown types are refused.
+        {goal(0x10000, kLe, 0), true},
+        {goal(0x10000, kGe, 0), false},
+        {goal(0x5001, kLe, 1), false},
+        {goal(0x1009, kLe, 1), false},
+    };
     for (const auto& [g, supported] : cases) {
-        EXPECT_EQ(factory.isGoalSupported(g), supported)
+        EXPECT_EQ(catalogue::isGoalSupported(dataTypes, g), supported)
             << static_cast<int32_t>(g.dataType) << " " << g.comparisonType;
     }
     EXPECT_TRUE(row(0x1009).sensorType.empty());
     // Offered: every goal of a sensor type with attributes ("silent" has none).
     std::vector<std::pair<int32_t, uint32_t>> offered;
-    for (const auto& g : factory.getSupportedGoals())
+    for (const auto& g : catalogue::getSupportedGoals(dataTypes, found)) {
         offered.emplace_back(static_cast<int32_t>(g.dataType), g.comparisonType);
+    }
     EXPECT_THAT(offered,
                 UnorderedElementsAre(Pair(0x1000, kGe), Pair(0x1000, kLe), Pair(0x1000, kGe),
                                      Pair(0x1001, kLe), Pair(0x1001, kGe), Pair(0x10000, kLe),
                                      Pair(0x5001, kLe)));
+    // Each goal is logged as its data type's output format reads it; bytes as
+    // unsigned values (U+00FF is C3 BF in UTF-8).
+    for (const char* line :
+         {"Sensor = steps, DataType = 4096, Threshold = 5000, Comparison Type = 0",
+          "Sensor = heart, DataType = 4097, Threshold = -1.500000, Comparison "
+          "Type = 0",
+          "Sensor = heart, DataType = 65536, Comparison Type = 1", "byteArrayThreshold[1] = 195"}) {
+        EXPECT_EQ(log_lines_containing(line, ANDROID_LOG_DEBUG).size(), 1u) << line;
+    }
 }
 
 TEST_F(CatalogueQueriesTest, AutoStartIsUnfilteredWhileStopAndPauseNeedAvailability) {
     std::map<kt::ExerciseType, std::vector<kt::DataType>> start;
-    for (const kt::AutoStartCapability& c : factory.getAutoStartList())
+    for (const kt::AutoStartCapability& c : catalogue::getAutoStartList(exercises)) {
         start[c.exerciseType] = c.dataTypes;
+    }
     EXPECT_THAT(start, ElementsAre(Pair(ex(1), ElementsAre(dt(0x1000), dt(0x1001))),
                                    Pair(ex(2), IsEmpty())));
-    EXPECT_THAT(factory.getAutoStopList(), ElementsAre(ex(1)));
-    EXPECT_THAT(factory.getAutoPauseList(), UnorderedElementsAre(ex(1), ex(3)));
+    EXPECT_THAT(catalogue::getAutoStopList(exercises, found), ElementsAre(ex(1)));
+    EXPECT_THAT(catalogue::getAutoPauseList(exercises, found), UnorderedElementsAre(ex(1), ex(3)));
 }
 
 }  // namespace
