@@ -13,45 +13,26 @@ namespace {
 
 const std::string kLint = tool("kivhal-lint");
 
-// Mistakes the linter only warns about: an unknown attribute, a threshold type
-// read by its prefix, an exercise on a sensor type no data type has.
-constexpr char kWarningsOnlyConfig[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
-    <datatype sensor_type="steps" type="steps" data_type_value="0x1" colour="red"/></datatypes><goals>
-    <goal data_type_value="0x1"><threshold type="integer" type_value="5" comparison_type="GREATER_THAN_OR_EQUAL"/>
-    </goal></goals><autoExerciseType>
-    <exercisetype type="walk" sensor_type="exercise" exercise_num="2" auto_stop="true"/>
-  </autoExerciseType></configuration>
-)";
+// Configurations under tests/data: lint_broken.xml carries at most one kind
+// of mistake per line; lint_warnings.xml only mistakes the linter warns about
+// (an unknown attribute, a threshold type read by its prefix, an exercise on a
+// sensor type no data type has); lint_values.xml values the parser silently
+// changes; lint_valid.xml one of everything, correct; the others one mistake
+// each.
+std::string data_file(const char* name) {
+    return std::string(KIVHAL_SOURCE_DIR) + "/tests/data/" + name;
+}
 
-// Every line below carries at most one kind of mistake; the test names the
-// line numbers the linter must report.
-constexpr char kBroken[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
-    <datatype sensor_type="hr" data_type_value="0x1000"/>
-    <datatype sensor_type="hr" type="hr" data_type_value="1000"/>
-    <datatype sensor_type="hr" type="hr2" data_type_value="0x10g0"/>
-    <datatype sensor_type="spo2" type="spo2" data_type_value="0x1002"/>
-    <datatype sensor_type="spo2" type="spo2b" data_type_value="0x1002"/>
-    <datatype sensor_type="x" type="x" data_type_value="0x5004"/></datatypes><goals>
-    <goal data_type_value="0x1001"><threshold type="int" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/></goal>
-    <goal data_type_value="0x1002"><threshold type="double" type_value="5" comparison_type="LESS_THAN_OR_EQUAL"/>
-      <threshold type="float" type_value="95" comparison_type="EQUAL"/>
-      <threshold type="int" type_value="95" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-    <goal data_type_value="0x5004"><threshold type="byte" comparison_type="GREATER_THAN_OR_EQUAL"/></goal>
-  </goals><autoExerciseType>
-    <exercisetype type="walk" sensor_type="spo2" exercise_num="1" auto_start="true">
-      <datatype type="Steps"/></exercisetype>
-    <exercisetype type="run" sensor_type="spo2" exercise_num="1" auto_start="yes"/>
-  </autoExerciseType></configuration>
-<configuration><datatypes><datatype sensor_type="a" type="a" data_type_value="0x3"/></datatypes></configuration>
-)";
+std::string read_data(const char* name) {
+    std::string text;
+    EXPECT_TRUE(android::base::ReadFileToString(data_file(name), &text)) << name;
+    return text;
+}
 
-// Lints `contents` as a file; expects `exit_code`, each `file:line: text` and
+// Lints the file at `path`; expects `exit_code`, each `path:line: text` and
 // the verdict line.
-void expect_lint(const std::string& contents, int exit_code, const std::string& verdict,
+void expect_lint(const std::string& path, int exit_code, const std::string& verdict,
                  const std::vector<std::pair<int, std::string>>& expected) {
-    scoped_root root;
-    root.write_file("/oem_config.xml", contents);
-    const std::string path = root.host_path("/oem_config.xml");
     const tool_result result = run_program(kLint, {path});
     EXPECT_EQ(exit_code, result.exit_code) << result.out;
     for (const auto& [line, text] : expected) {
@@ -69,7 +50,7 @@ TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
     EXPECT_EQ(0, example.exit_code);
     EXPECT_EQ("no problems found\n", example.out + example.err);
     expect_lint(
-        kBroken, 1, "14 errors, 0 warnings",
+        data_file("lint_broken.xml"), 1, "14 errors, 0 warnings",
         {
             {2, "error: <datatype> without \"type\": the parser never gets past it"},
             {3, "error: data_type_value \"1000\" lacks the 0x prefix"},
@@ -88,19 +69,7 @@ TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
         });
     // Values the parser silently changes: clamped, wrapped, negative, not text.
     expect_lint(
-        "<configuration type=\"KIV_oem_datatype\"><datatypes>\n"
-        "  <datatype sensor_type=\"hr\" type=\"a\" data_type_value=\"0x1FFFFFFFF\"/>\n"
-        "  <datatype sensor_type=\"st\xff\" type=\"hr\" data_type_value=\"0x00001000\"/>\n"
-        "  </datatypes><goals><goal data_type_value=\"0x1000\">\n"
-        "  <threshold type=\"int\" type_value=\"99999999999999999999\" "
-        "comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
-        "  <threshold type=\"int\" type_value=\"-2147483648\" "
-        "comparison_type=\"LESS_THAN_OR_EQUAL\"/>\n"
-        "  </goal></goals><autoExerciseType><exercisetype type=\"w\" sensor_type=\"hr\" "
-        "exercise_num=\"-3\"/>\n"
-        "  <exercisetype type=\"r\" sensor_type=\"hr\" "
-        "exercise_num=\"0x7fffffff\"/></autoExerciseType></configuration>\n",
-        1, "4 errors, 0 warnings",
+        data_file("lint_values.xml"), 1, "4 errors, 0 warnings",
         {
             {2,
              "error: data_type_value \"0x1FFFFFFFF\" is beyond 0x7fffffff: the parser reads "
@@ -113,11 +82,11 @@ TEST(LintTest, ReportsEveryMistakeAtItsLineAndWarningsAloneExitZero) {
                  (sizeof(long) == 8 ? "-1" : "2147483647")},
             {7, "error: exercise_num \"-3\" is negative: exercise numbers count from 0"},
         });
-    expect_lint("<configuration type=\"x\">\n  <datatypes>\n  <datatype\n", 1,
-                "1 error, 0 warnings", {{3, "error: not well-formed XML"}});
-    expect_lint("<configuration type=\"x\">\n  <goals/>\n</configuration>\n", 1,
-                "1 error, 0 warnings", {{1, "error: no data type is defined"}});
-    expect_lint(kWarningsOnlyConfig, 0, "0 errors, 3 warnings",
+    expect_lint(data_file("lint_not_xml.xml"), 1, "1 error, 0 warnings",
+                {{3, "error: not well-formed XML"}});
+    expect_lint(data_file("lint_no_datatype.xml"), 1, "1 error, 0 warnings",
+                {{1, "error: no data type is defined"}});
+    expect_lint(data_file("lint_warnings.xml"), 0, "0 errors, 3 warnings",
                 {{2, "warning: unknown attribute \"colour\""},
                  {3, "warning: threshold type \"integer\" is read as \"int\""},
                  {5, "warning: sensor type \"exercise\" is no data type's"}});
@@ -144,18 +113,9 @@ TEST(LintTest, RefusesBadArgumentsAndWhatCannotBeAConfigurationAtOnce) {
     EXPECT_EQ(1, at_limit.exit_code) << at_limit.err;
 }
 
-// One of everything, correct.
-constexpr char kValid[] = R"(<configuration type="KIV_oem_datatype"><datatypes>
-  <datatype sensor_type="hr" type="heart_rate" data_type_value="0x1000"/>
-  <datatype sensor_type="temp" type="skin_temperature" data_type_value="0x1001"/></datatypes><goals>
-  <goal datatype="heart_rate" data_type_value="0x1000"><threshold type="int" type_value="180" comparison_type="LESS_THAN_OR_EQUAL"/></goal></goals>
-  <autoExerciseType><exercisetype type="walk" sensor_type="hr" exercise_num="1" auto_start="true"><datatype type="heart_rate"/></exercisetype>
-  </autoExerciseType></configuration>
-)";
-
-// `kValid` with `from` replaced by `to`.
+// lint_valid.xml with `from` replaced by `to`.
 std::string with(const std::string& from, const std::string& to) {
-    std::string text = kValid;
+    std::string text = read_data("lint_valid.xml");
     const size_t at = text.find(from);
     EXPECT_NE(std::string::npos, at) << from;
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
@@ -164,16 +124,14 @@ std::string with(const std::string& from, const std::string& to) {
 // The configuration schema: what the linter accepts validates, and each error
 // the linter reports is one the schema rejects wherever XML Schema 1.0 can say it.
 TEST(SchemaTest, AgreesWithTheLinterAndLeavesItWhatOnlyItCanSay) {
-    std::string example;
-    ASSERT_TRUE(android::base::ReadFileToString(kExampleConfig, &example));
     const struct {
         std::string contents;
         const char* lint_error;  // nullptr: the linter accepts it
         bool schema_rejects;
     } cases[] = {
-        {example, nullptr, false},
-        {kValid, nullptr, false},
-        {kWarningsOnlyConfig, nullptr, false},
+        {read_data("../../examples/oem_config.xml"), nullptr, false},
+        {read_data("lint_valid.xml"), nullptr, false},
+        {read_data("lint_warnings.xml"), nullptr, false},
         // Forms the parser reads as tinyxml2 does: words by their prefix,
         // numbers with trailing text, booleans as numbers and in three cases.
         {with(R"(type="int" type_value="180" comparison_type="LESS_THAN_OR_EQUAL")",
