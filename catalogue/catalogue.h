@@ -31,7 +31,8 @@ int32_t hexStrToDec(const char* text);
 
 // Parses the OEM configuration at `path` into the tables and appends the
 // sensor type names it names to `discoveryList`. Returns false when the file
-// does not load or defines no data type; ends the process on a data type
+// does not load, has no "configuration" element, or ends one without data
+// types while `dataTypes` is still empty; ends the process on a data type
 // without a value, and never returns on one without its names.
 bool parseOEMConfig(const char* path, kt::DataTypeTable& dataTypes,
                     kt::ExerciseTypeTable& exercises, std::vector<std::string>& discoveryList);
