@@ -187,9 +187,10 @@ struct discovery_run {
     const char* name;
     void (*prepare)(DiscoveryDriverTest&);
     std::vector<int64_t> pauses_ms;
-    const char* sent;  // how many requests of each kind
-    const char* list;  // the list file afterwards, "(none)" when there is none
-    const char* log;   // a line it writes
+    const char* sent;            // how many requests of each kind
+    const char* list;            // the list file afterwards, "(none)" when there is none
+    const char* log;             // a line it writes
+    const char* also = nullptr;  // another line it writes
     const char* dump = nullptr;
 };
 
@@ -218,8 +219,8 @@ void no_list_folder(DiscoveryDriverTest& t) {
     t.core.add_sensor_type("health", {kHealth, kQuiet});
     t.core.add_sensor_type("unused", {kHealth}, true);
 }
-void empty_list(DiscoveryDriverTest& t) {
-    t.root.write_file(kListPath, "");
+void gone_listed(DiscoveryDriverTest& t) {
+    t.root.write_file(kListPath, "gone\n");
     t.core.add_sensor_type("health", {kHealth}, true);
 }
 
@@ -278,15 +279,16 @@ const discovery_run kRuns[] = {
      "attr 2, disable 2, health 1, health_async_announce 1, heart_rate 1, registry 1, release 2",
      "(none)", "timeout while waiting for attributes, pending = 1, err = 0"},
     // An unlisted answer grows the list but never counts, so the wait runs
-    // out; every pass re-sends only the two names that never answered.
-    {"LaterBootWithEmptyList", empty_list, schedule({1000, 100, 1000}, {1000}, 8, {50, 50}),
+    // out and reports both names as missing, the listed one by name; every
+    // pass re-sends only the two names that never answered.
+    {"LaterBootWithAnUnansweredName", gone_listed, schedule({1000, 100, 1000}, {1000}, 8, {50, 50}),
      "attr 1, disable 2, health 1, health_async_announce 9, heart_rate 9, registry 1, release 1",
-     "health\n", ", 1 missing sensor(s)"},
+     "gone\nhealth\n", ", 2 missing sensor(s)", ",     gone"},
     // The registry's answer ends its wait; settle, the later boot's 1 s, the
     // final 50 ms, one attribute step, 50 ms after the releases.
     {"LaterBootAllListedAnswer", both_listed, schedule({0, 100, 1000, 50, 30, 50}),
      "attr 2, disable 2, health 1, health_async_announce 1, heart_rate 1, registry 1, release 2",
-     "health\nheart_rate\n", "(no of repeats:'0') ", kLaterBootDump},
+     "health\nheart_rate\n", "(no of repeats:'0') ", nullptr, kLaterBootDump},
 };
 
 TEST_P(DiscoveryRunTest, FollowsItsSchedule) {
@@ -323,6 +325,7 @@ TEST_P(DiscoveryRunTest, FollowsItsSchedule) {
     };
     EXPECT_EQ(kivhal::test::log_lines_containing(run.log).size(), 1u);
     EXPECT_LT(from_end(run.log), from_end("re-sending request for"));
+    EXPECT_TRUE(run.also == nullptr || log_contains(run.also, ANDROID_LOG_ERROR)) << run.also;
     if (run.dump == nullptr) return;
     TemporaryFile dump;
     factory.dump(dump.fd);
