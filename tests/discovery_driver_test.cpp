@@ -354,8 +354,11 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRecordsEachAnsweredNameOnce) {
     ASSERT_FALSE(factory.laterBoot);
     feed(core_t::make_lookup_event("accel", {}));
     EXPECT_TRUE(factory.suidMap.empty());
+    sns_suid_event wrong_id;  // a lookup answer under another message id
+    wrong_id.set_datatypename("junk");
+    wrong_id.add_suids()->set_uidlow(9);
     // Serialized messages concatenate into one holding both events.
-    feed(core_t::make_event_msg(kLookupSuid, {{769, "junk"}}) +
+    feed(core_t::make_event_msg(kLookupSuid, {{769, wrong_id.SerializeAsString()}}) +
          core_t::make_lookup_event("accel", {{1, 1}, {2, 2}}));
     feed(core_t::make_lookup_event("gyro", {{4, 4}}));
     feed(core_t::make_lookup_event("accel", {{3, 3}}));
