@@ -10,6 +10,7 @@
 #include "discovery_util.h"
 #include "kiv_log.h"
 #include "kivhal/platform.h"
+#include "mandatory_list.h"
 
 using kivhal::discovery::current_clock;
 using kivhal::discovery::ns_to_seconds;
@@ -43,10 +44,6 @@ tav_interface* kiv_sensor_factory::tavInterface = nullptr;
 
 sensor_uid lookupSuid = {0xababababababababULL, 0xababababababababULL};
 kivhal::mutex discoveryMutex;
-std::vector<std::string> mandatorySensors;
-std::map<std::string, bool> mandatoryFound;
-uint32_t num_mandatory_sns = 0;
-std::atomic<bool> allMandatoryFound{false};
 
 kiv_sensor_factory::kiv_sensor_factory()
     : registryUp(false), pendingAttributes(0), lastSuidTime(0), laterBoot(true) {
@@ -77,10 +74,7 @@ void kiv_sensor_factory::startDiscovery(tav_interface* conn) {
 
     init_mandatory_list_db();
     if (laterBoot) {
-        kivhal::lock_guard lock(discoveryMutex);
-        for (const std::string& name : mandatorySensors) {
-            mandatoryFound.emplace(name, false);
-        }
+        kivhal::discovery::list_mandatory_as_missing();
     }
 
     KIV_LOGD("Starting Parsing of XML Config File");
@@ -217,11 +211,6 @@ void kiv_sensor_factory::discover_sensors() {
     sleep_ms(kDiscoveryDisableSettleMs);
 }
 
-uint32_t kiv_sensor_factory::mandatory_count() const {
-    kivhal::lock_guard lock(discoveryMutex);
-    return num_mandatory_sns;
-}
-
 std::vector<std::string> kiv_sensor_factory::missing_discovery_names() {
     std::vector<std::string> missing;
     kivhal::lock_guard lock(discoveryMutex);
@@ -233,25 +222,36 @@ std::vector<std::string> kiv_sensor_factory::missing_discovery_names() {
     return missing;
 }
 
-void kiv_sensor_factory::wait_for_sensors() {
-    int count = kRediscoverPasses;
-    while (true) {
-        KIV_LOGI("ORN not ready yet wait count %d", count);
+void kiv_sensor_factory::rerequest_missing(const kiv_log_op& op, int passes, int64_t pause_ms,
+                                           const std::function<void(int)>& announce,
+                                           const std::function<bool(int)>& settled) {
+    for (int count = passes;;) {
+        announce(count);
         for (const std::string& name : missing_discovery_names()) {
-            KIV_LOGD("re-sending request for %s", name.c_str());
+            KIV_LOGD_FOR(op, "re-sending request for %s", name.c_str());
             request_suid(name, false, true);
         }
-        sleep_ms(kRediscoverPauseMs);
-
-        kivhal::lock_guard lock(discoveryMutex);
+        sleep_ms(pause_ms);
         count--;
-        if (num_mandatory_sns != 0) {
-            KIV_LOGI("sensors found after re discover %d", count);
-            return;
-        }
-        if (count == 0) {
-            KIV_LOGE("sensors list is 0 after first boot ");
+        kivhal::lock_guard lock(discoveryMutex);
+        if (settled(count) || count == 0) {
             return;
         }
     }
+}
+
+void kiv_sensor_factory::wait_for_sensors() {
+    const kiv_log_op op = KIV_LOG_OP;
+    auto announce = [op](int count) { KIV_LOGI_FOR(op, "ORN not ready yet wait count %d", count); };
+    auto settled = [op](int count) REQUIRES(discoveryMutex) {
+        if (num_mandatory_sns != 0) {
+            KIV_LOGI_FOR(op, "sensors found after re discover %d", count);
+            return true;
+        }
+        if (count == 0) {
+            KIV_LOGE_FOR(op, "sensors list is 0 after first boot ");
+        }
+        return false;
+    };
+    rerequest_missing(op, kRediscoverPasses, kRediscoverPauseMs, announce, settled);
 }

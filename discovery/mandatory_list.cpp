@@ -1,10 +1,10 @@
+#include "mandatory_list.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "discovery_util.h"
 #include "kiv_log.h"
@@ -54,6 +54,11 @@ bool is_mandatory(const std::string& name) REQUIRES(discoveryMutex) {
 }
 
 }  // namespace
+
+std::vector<std::string> mandatorySensors;
+std::map<std::string, bool> mandatoryFound;
+uint32_t num_mandatory_sns = 0;
+std::atomic<bool> allMandatoryFound{false};
 
 void kiv_sensor_factory::init_mandatory_list_db() {
     // Nothing answers yet; taken so every access to the list state is locked.
@@ -136,39 +141,55 @@ void kiv_sensor_factory::wait_for_mandatory_sensors() {
     if (allMandatoryFound.load()) {
         return;
     }
-    int count = kMandatoryWaitPasses;
-    while (true) {
-        KIV_LOGI("some mandatory sensors not available yet, will wait for %d seconds...", count);
-        {
-            kivhal::lock_guard lock(discoveryMutex);
-            for (const auto& listed : mandatoryFound) {
-                if (!listed.second) {
-                    KIV_LOGD("non available ones %s", listed.first.c_str());
-                }
-            }
-        }
-        for (const std::string& name : missing_discovery_names()) {
-            KIV_LOGD("re-sending request for %s", name.c_str());
-            request_suid(name, false, true);
-        }
-        kivhal::discovery::sleep_ms(kMandatoryWaitPauseMs);
-        count--;
-
+    const kiv_log_op op = KIV_LOG_OP;
+    auto announce = [op](int count) {
+        KIV_LOGI_FOR(op, "some mandatory sensors not available yet, will wait for %d seconds...",
+                     count);
         kivhal::lock_guard lock(discoveryMutex);
+        for (const auto& listed : mandatoryFound) {
+            if (!listed.second) {
+                KIV_LOGD_FOR(op, "non available ones %s", listed.first.c_str());
+            }
+        }
+    };
+    auto settled = [op](int count) REQUIRES(discoveryMutex) {
         if (count == 0 && !allMandatoryFound.load()) {
-            KIV_LOGE("some mandatory sensors not available even after %d seconds, giving up.",
-                     kMandatoryWaitPasses);
-            KIV_LOGE("%lu missing sensor(s)",
-                     static_cast<unsigned long>(mandatorySensors.size() - num_mandatory_sns));
+            KIV_LOGE_FOR(op,
+                         "some mandatory sensors not available even after %d seconds, giving up.",
+                         kMandatoryWaitPasses);
+            KIV_LOGE_FOR(op, "%lu missing sensor(s)",
+                         static_cast<unsigned long>(mandatorySensors.size() - num_mandatory_sns));
             for (const auto& listed : mandatoryFound) {
                 if (!listed.second) {
-                    KIV_LOGE("    %s", listed.first.c_str());
+                    KIV_LOGE_FOR(op, "    %s", listed.first.c_str());
                 }
             }
-            return;
+            return true;
         }
-        if (allMandatoryFound.load()) {
-            return;
+        return allMandatoryFound.load();
+    };
+    rerequest_missing(op, kMandatoryWaitPasses, kMandatoryWaitPauseMs, announce, settled);
+}
+
+void kivhal::discovery::list_mandatory_as_missing() {
+    kivhal::lock_guard lock(discoveryMutex);
+    for (const std::string& name : mandatorySensors) {
+        mandatoryFound.emplace(name, false);
+    }
+}
+
+void kivhal::discovery::mark_mandatory_found(const std::string& datatype) {
+    auto listed = mandatoryFound.find(datatype);
+    if (listed != mandatoryFound.end() && !listed->second) {
+        listed->second = true;
+        increment_or_abort(num_mandatory_sns);
+        if (num_mandatory_sns == mandatorySensors.size()) {
+            allMandatoryFound.store(true);
         }
     }
+}
+
+uint32_t kiv_sensor_factory::mandatory_count() const {
+    kivhal::lock_guard lock(discoveryMutex);
+    return num_mandatory_sns;
 }

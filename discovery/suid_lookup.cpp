@@ -5,11 +5,11 @@
 #include "discovery_util.h"
 #include "kiv_log.h"
 #include "kiv_sensor_factory.h"
+#include "mandatory_list.h"
 #include "sns_client.pb.h"
 #include "sns_msg_ids.h"
 #include "sns_suid.pb.h"
 
-using kivhal::discovery::increment_or_abort;
 using kivhal::discovery::steady_now_ns;
 
 namespace {
@@ -115,14 +115,7 @@ void kiv_sensor_factory::handle_suids_lookup_callback(const std::string& datatyp
     suidMap[datatype] = suids;
     update_mandatory_list_database(datatype);
     if (laterBoot) {
-        auto listed = mandatoryFound.find(datatype);
-        if (listed != mandatoryFound.end() && !listed->second) {
-            listed->second = true;
-            increment_or_abort(num_mandatory_sns);
-            if (num_mandatory_sns == mandatorySensors.size()) {
-                allMandatoryFound.store(true);
-            }
-        }
+        kivhal::discovery::mark_mandatory_found(datatype);
     }
     lastSuidTime = steady_now_ns();
     KIV_LOGV("received suid for dt=%s", datatype.c_str());

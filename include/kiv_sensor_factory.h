@@ -23,6 +23,8 @@
 // Guards suidMap updates and the mandatory-list state (declared below).
 extern kivhal::mutex discoveryMutex;
 
+struct kiv_log_op;
+
 // Learns which sensors the sensor core offers and answers the HAL service's
 // capability questions from that and from the OEM configuration.
 class kiv_sensor_factory {
@@ -64,10 +66,16 @@ class kiv_sensor_factory {
     // The stored attributes of one sensor; false when none arrived (yet).
     bool find_attributes(sensor_uid suid, sensor_attributes* out) const EXCLUDES(attributesMapMutex);
 
-    // Mandatory sensor list persisted across boots.
+    // Mandatory sensor list persisted across boots (discovery/mandatory_list.cpp).
+    // Discovery thread, before the lookups and at the end: decide first or
+    // later boot and load the file, or close it. Failures are logged only.
     void init_mandatory_list_db() EXCLUDES(discoveryMutex);
     void deinit_mandatory_list_db() EXCLUDES(discoveryMutex);
+    // Reader thread: records an answered name once, in memory and in the
+    // file; the first boot counts it. Aborts rather than let the count wrap.
     void update_mandatory_list_database(std::string datatype) REQUIRES(discoveryMutex);
+    // Discovery thread, later boot: re-requests the missing names until every
+    // listed one answered or 8 s passed. What the connection throws passes through.
     void wait_for_mandatory_sensors() EXCLUDES(discoveryMutex);
 
     // OEM configuration.
@@ -137,14 +145,26 @@ class kiv_sensor_factory {
     // Discovery steps that read state the reader thread writes, under its lock.
     bool wait_for_registry_answer() EXCLUDES(registryMutex);
     bool registry_is_up() EXCLUDES(registryMutex);
+    // num_mandatory_sns, read under its lock.
     uint32_t mandatory_count() const EXCLUDES(discoveryMutex);
     std::vector<std::string> missing_discovery_names() EXCLUDES(discoveryMutex);
+    // The re-request loop of the waits after the lookups: up to `passes`
+    // passes of announce(passes left), the lookups of every name still
+    // missing, a pause of `pause_ms`, then settled(passes left, 0 on the
+    // last) with discoveryMutex held; ends when settled is true or no pass
+    // is left. Discovery thread; lines are logged for `op`; what the
+    // connection throws passes through.
+    void rerequest_missing(const kiv_log_op& op, int passes, int64_t pause_ms,
+                           const std::function<void(int)>& announce,
+                           const std::function<bool(int)>& settled) EXCLUDES(discoveryMutex);
     std::vector<std::pair<std::string, std::vector<sensor_uid>>> suid_snapshot()
         EXCLUDES(discoveryMutex);
 };
 
 // The core's SUID lookup service.
 extern sensor_uid lookupSuid;
+// The mandatory list (discovery/mandatory_list.cpp): the names that must
+// answer, those of them that answered this boot (later boot) and their count.
 extern std::vector<std::string> mandatorySensors GUARDED_BY(discoveryMutex);
 extern std::map<std::string, bool> mandatoryFound GUARDED_BY(discoveryMutex);
 extern uint32_t num_mandatory_sns GUARDED_BY(discoveryMutex);

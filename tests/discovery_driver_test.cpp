@@ -1,3 +1,4 @@
+#include <android-base/file.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
@@ -9,9 +10,11 @@
 #include <atomic>
 #include <filesystem>
 #include <future>
+#include <map>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
+#include <unordered_map>
 
 #include "fake_tav_interface.h"
 #include "kiv_log.h"
@@ -103,6 +106,7 @@ TEST(SensorAttributesTest, GettersReadTheirKindAndNameWhatIsWrong) {
 // it short; a timed wait ends at its time-out or at once on its signal.
 TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
     using namespace std::chrono_literals;
+    const int64_t ms = kivhal::discovery::kNanosPerMilli;
     kivhal::discovery::discovery_clock& clock = kivhal::discovery::current_clock();
     struct sigaction ignore = {};
     ignore.sa_handler = [](int) {};
@@ -113,33 +117,41 @@ TEST(DiscoveryClockTest, SleepsOutlastSignalsAndWaitsEndAtTheirSignal) {
         pthread_kill(self, SIGUSR1);
     });
     int64_t start = clock.steady_now_ns();
-    EXPECT_EQ(clock.sleep_ns(60 * kivhal::discovery::kNanosPerMilli), 0);
-    EXPECT_GE(clock.steady_now_ns() - start, 60 * kivhal::discovery::kNanosPerMilli);
+    EXPECT_EQ(clock.sleep_ns(1000 * ms), 0);  // a whole second splits into seconds
+    EXPECT_GE(clock.steady_now_ns() - start, 1000 * ms);
     poke.join();
 
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&mutex);
     start = clock.steady_now_ns();
-    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 30 * kivhal::discovery::kNanosPerMilli), ETIMEDOUT);
-    EXPECT_GE(clock.steady_now_ns() - start, 30 * kivhal::discovery::kNanosPerMilli);
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 30 * ms), ETIMEDOUT);
+    EXPECT_GE(clock.steady_now_ns() - start, 30 * ms);
     std::thread signaller([&] {
         pthread_mutex_lock(&mutex);
         pthread_cond_signal(&cond);
         pthread_mutex_unlock(&mutex);
     });
-    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 5000 * kivhal::discovery::kNanosPerMilli), 0);
+    EXPECT_EQ(clock.timed_wait_ns(&cond, &mutex, 5000 * ms), 0);
     pthread_mutex_unlock(&mutex);
     signaller.join();
 }
 
-constexpr uint32_t kLookup = 512, kDisable = 10, kAttribute = 1;
+constexpr uint32_t kLookup = 512, kAttribute = 1;
 constexpr const char* kConfig = R"(<configuration type="KIV_oem_datatype"><datatypes>
     <datatype sensor_type="heart_rate" type="heart_rate" data_type_value="0x1"/></datatypes></configuration>)";
-const sensor_uid kHealth{0x200, 0x2}, kHeartRate{0x300, 0x3};
+const sensor_uid kHealth{0x200, 0x2}, kHeartRate{0x300, 0x3}, kQuiet{0x400, 0x4};
+
+// `head`, `pattern` `times` times, then `tail`.
+std::vector<int64_t> schedule(std::vector<int64_t> head, std::vector<int64_t> pattern = {},
+                              int times = 0, std::vector<int64_t> tail = {}) {
+    for (int i = 0; i < times; i++) head.insert(head.end(), pattern.begin(), pattern.end());
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
 
 class DiscoveryDriverTest : public ::testing::Test {
-  protected:
+  public:
     void SetUp() override {
         kiv_log::set_level(kiv_log::VERBOSE);
         kivhal::test::reset_discovery_state();
@@ -154,17 +166,10 @@ class DiscoveryDriverTest : public ::testing::Test {
         (factory.*h)(reinterpret_cast<const uint8_t*>(message.data()),
                      static_cast<uint32_t>(message.size()), 0);
     }
-    size_t lookups_of(const std::string& name) {
-        return std::count_if(core.requests().begin(), core.requests().end(),
-                             [&](const fake_request& r) {
-                                 return r.msg_id() == kLookup && r.lookup.datatypename() == name;
-                             });
-    }
-    // The first pauses, in milliseconds, as many as `count`.
-    std::vector<int64_t> pauses_ms(size_t count = SIZE_MAX) {
+    // Every pause so far, in milliseconds.
+    std::vector<int64_t> pauses_ms() {
         std::vector<int64_t> ms;
         for (int64_t ns : clock.pauses()) ms.push_back(ns / 1000000);
-        ms.resize(std::min(ms.size(), count));
         return ms;
     }
 
@@ -176,125 +181,161 @@ class DiscoveryDriverTest : public ::testing::Test {
 
 using DiscoveryCallbacksTest = DiscoveryDriverTest;
 
-// `pattern` `times` times, then `tail`.
-std::vector<int64_t> schedule(std::vector<int64_t> head, std::vector<int64_t> pattern, int times,
-                              std::vector<int64_t> tail) {
-    for (int i = 0; i < times; i++) head.insert(head.end(), pattern.begin(), pattern.end());
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
+// One whole startDiscovery on virtual time, seen through its pauses, what it
+// sent, what it leaves on the persist partition and, for one, the dump.
+struct discovery_run {
+    const char* name;
+    void (*prepare)(DiscoveryDriverTest&);
+    std::vector<int64_t> pauses_ms;
+    const char* sent;            // how many requests of each kind
+    const char* list;            // the list file afterwards, "(none)" when there is none
+    const char* log;             // a line it writes
+    const char* also = nullptr;  // another line it writes
+    const char* dump = nullptr;
+};
+
+class DiscoveryRunTest : public DiscoveryDriverTest,
+                         public ::testing::WithParamInterface<discovery_run> {};
+
+// Answers come while discovery waits.
+void both_listed(DiscoveryDriverTest& t) {
+    t.root.write_file(kListPath, "health\nheart_rate\n");
+    t.core.add_sensor_type("health", {kHealth}, true);
+    t.core.add_sensor_type("heart_rate", {kHeartRate}, true);
+    t.core.hold_answers = true;
+    t.clock.meanwhile = [&t] { t.core.deliver_held(); };
+}
+// heart_rate is known to the core only once its first lookup went unanswered.
+void late_heart_rate(DiscoveryDriverTest& t) {
+    t.core.hold_answers = true;
+    t.clock.meanwhile = [&t] {
+        if (t.clock.pauses().size() == 2) t.core.add_sensor_type("heart_rate", {kHeartRate}, true);
+        t.core.deliver_held();
+    };
+}
+// Of health's two sensors, one answers its attribute request.
+void no_list_folder(DiscoveryDriverTest& t) {
+    std::filesystem::remove_all(t.root.host_path("/mnt/vendor/persist/sensors"));
+    t.core.add_sensor_type("health", {kHealth, kQuiet});
+    t.core.add_sensor_type("unused", {kHealth}, true);
+}
+void gone_listed(DiscoveryDriverTest& t) {
+    t.root.write_file(kListPath, "gone\n");
+    t.core.add_sensor_type("health", {kHealth}, true);
 }
 
-// Eighty lookups, each followed by a 1 s wait and a 250 ms pause, then the
-// disable request and 100 ms; neither the list nor the configuration is read.
-TEST_F(DiscoveryDriverTest, SilentRegistryGivesUpAfterEightyLookups) {
-    core.add_sensor_type("registry", {});
-    factory.startDiscovery(&core);
-    ASSERT_EQ(core.requests().size(), 81u);
-    EXPECT_EQ(lookups_of("registry"), 80u);
-    EXPECT_EQ(core.requests().back().msg_id(), kDisable);
-    EXPECT_EQ(pauses_ms(), schedule({}, {1000, 250}, 80, {100}));
-    EXPECT_DOUBLE_EQ(kivhal::discovery::steady_now_seconds(),
-                     1000 + 100.1);  // the clock starts at 1000 s
-    EXPECT_TRUE(log_contains("(no of repeats:'80')", ANDROID_LOG_ERROR));
-    EXPECT_FALSE(root.exists(kListPath));
-    EXPECT_EQ(factory.discoveryList.size(), 2u);
+// What was sent, as "kind count" in the kinds' order: lookups by their name,
+// disables of the lookup service, attribute requests and their releases.
+std::string sent(const std::vector<fake_request>& requests) {
+    std::map<std::string, int> kinds;
+    for (const fake_request& r : requests) {
+        const bool lookup_service = r.suid == kLookupSuid;
+        const bool asks = r.msg_id() == (lookup_service ? kLookup : kAttribute);
+        kinds[lookup_service ? (asks ? r.lookup.datatypename() : "disable")
+                             : (asks ? "attr" : "release")]++;
+    }
+    std::string text;
+    for (const auto& [kind, count] : kinds)
+        text += (text.empty() ? "" : ", ") + kind + " " + std::to_string(count);
+    return text;
 }
 
-TEST_F(DiscoveryDriverTest, LaterBootSendsTheRequestsInOrderAndTheRegistryAnswerEndsItsWait) {
-    root.write_file(kListPath, "health\nheart_rate\n");
-    core.add_sensor_type("health", {kHealth}, true);
-    core.add_sensor_type("heart_rate", {kHeartRate}, true);
-    core.hold_answers = true;  // answers come while discovery waits
-    clock.meanwhile = [&] { core.deliver_held(); };
-    factory.startDiscovery(&core);
+const char* const kLaterBootDump =
+    "Sensor factory (kiv_sensor_factory)\n"
+    "  boot: later (persisted sensor list read)\n"
+    "  discovery: took 1.230 s, SUID wait 1000 ms\n"
+    "  last SUID answer: 0.100 s after the start\n"
+    "  registry: up\n"
+    "  mandatory sensors: 2 listed, 2 found this boot, all found: yes\n"
+    "  sensor types: 3, 2 found\n"
+    "    health: 0000000000000002:0000000000000200, attributes received\n"
+    "    health_async_announce: not found\n"
+    "    heart_rate: 0000000000000003:0000000000000300, attributes received\n"
+    "  attributes: 2 sensors answered, 0 pending\n"
+    "  catalogue: 1 data types (0 with goals, 0 goals), 0 exercises\n";
 
-    // Registry lookup and disable, the three names, disable, attributes, releases.
-    const std::vector<fake_request> requests = core.requests();
-    const std::vector<std::pair<uint32_t, std::string>> expected = {
-        {kLookup, "registry"},   {kDisable, "registry"},
-        {kLookup, "health"},     {kLookup, "health_async_announce"},
-        {kLookup, "heart_rate"}, {kDisable, "registry"},
-        {kAttribute, ""},        {kAttribute, ""},
-        {kDisable, ""},          {kDisable, ""}};
-    ASSERT_EQ(requests.size(), expected.size());
-    for (size_t i = 0; i < requests.size(); i++) {
-        const fake_request& r = requests[i];
+const discovery_run kRuns[] = {
+    // Eighty lookups, each followed by a 1 s wait and a 250 ms pause, then the
+    // disable request and 100 ms; neither the list nor the configuration is read.
+    {"SilentRegistry", [](DiscoveryDriverTest& t) { t.core.add_sensor_type("registry", {}); },
+     schedule({}, {1000, 250}, 80, {100}), "disable 1, registry 80", "(none)",
+     "registry_sensor unavailable even after '100.000000secs' of serviceup(no of repeats:'80')"},
+    // A broken configuration ends discovery with the list still open (empty).
+    {"ParseFailure", [](DiscoveryDriverTest& t) { t.root.write_file(kConfigPath, "<x"); },
+     schedule({1000, 100}), "disable 1, registry 1", "", "Error in Parsing of XML Config File"},
+    // The initial round plus eight 2 s passes re-sending all three names.
+    {"FirstBootWithoutAnswers", [](DiscoveryDriverTest&) {},
+     schedule({1000, 100, 7000}, {2000}, 8, {50}),
+     "disable 2, health 9, health_async_announce 9, heart_rate 9, registry 1", "",
+     "sensors list is 0 after first boot "},
+    // The first re-sending pass finds heart_rate and ends the rediscovery.
+    {"FirstBootRediscoveryFindsOne", late_heart_rate, schedule({0, 100, 7000, 2000, 50, 30, 50}),
+     "attr 1, disable 2, health 2, health_async_announce 2, heart_rate 2, registry 1, release 1",
+     "heart_rate\n", "sensors found after re discover 7"},
+    // Without its folder the list cannot be created: the answer still counts,
+    // so no rediscovery follows; the attribute wait runs out for one sensor.
+    {"FirstBootWithoutTheListFolder", no_list_folder,
+     schedule({1000, 100, 7000, 50}, {30}, 100, {50}),
+     "attr 2, disable 2, health 1, health_async_announce 1, heart_rate 1, registry 1, release 2",
+     "(none)", "timeout while waiting for attributes, pending = 1, err = 0"},
+    // An unlisted answer grows the list but never counts, so the wait runs
+    // out and reports both names as missing, the listed one by name; every
+    // pass re-sends only the two names that never answered.
+    {"LaterBootWithAnUnansweredName", gone_listed, schedule({1000, 100, 1000}, {1000}, 8, {50, 50}),
+     "attr 1, disable 2, health 1, health_async_announce 9, heart_rate 9, registry 1, release 1",
+     "gone\nhealth\n", ", 2 missing sensor(s)", ",     gone"},
+    // The registry's answer ends its wait; settle, the later boot's 1 s, the
+    // final 50 ms, one attribute step, 50 ms after the releases.
+    {"LaterBootAllListedAnswer", both_listed, schedule({0, 100, 1000, 50, 30, 50}),
+     "attr 2, disable 2, health 1, health_async_announce 1, heart_rate 1, registry 1, release 2",
+     "health\nheart_rate\n", "(no of repeats:'0') ", nullptr, kLaterBootDump},
+};
+
+TEST_P(DiscoveryRunTest, FollowsItsSchedule) {
+    const discovery_run& run = GetParam();
+    run.prepare(*this);
+    factory.startDiscovery(&core);
+    EXPECT_EQ(pauses_ms(), run.pauses_ms);
+    EXPECT_EQ(sent(core.requests()), run.sent);
+    // Every request is framed alike, lookups ask for updates and every
+    // sensor's attributes are released after they were requested.
+    std::unordered_map<sensor_uid, int, sensor_uid_hash> requested;
+    for (const fake_request& r : core.requests()) {
         const auto& config = r.envelope.suspendconfig();
         EXPECT_TRUE(r.flag && r.session_id == 0 && r.envelope.suid().uidlow() == r.suid.low &&
                     r.envelope.suid().uidhigh() == r.suid.high && config.has_processorkind() &&
-                    config.processorkind() == 0 && config.deliverymode() == 1)
-            << i;
-        EXPECT_EQ(std::make_pair(r.msg_id(), r.lookup.datatypename()), expected[i]) << i;
-        EXPECT_EQ(r.suid == kivhal::test::kLookupSuid, i < 6) << i;
-        if (i < 6) {
-            EXPECT_TRUE(r.lookup.streamupdates() && r.lookup.has_lookupoption()) << i;
-            EXPECT_EQ(r.lookup.lookupoption(), i >= 2 && i < 5) << i;
+                    config.processorkind() == 0 && config.deliverymode() == 1);
+        if (r.suid == kLookupSuid) {
+            EXPECT_TRUE(r.lookup.streamupdates() && r.lookup.has_lookupoption());
+            EXPECT_EQ(r.lookup.lookupoption(), r.lookup.datatypename() != "registry");
         } else {
-            EXPECT_TRUE(r.attr.has_streamupdates() && !r.attr.streamupdates()) << i;
+            EXPECT_TRUE(r.attr.has_streamupdates() && !r.attr.streamupdates());
+            EXPECT_GE(requested[r.suid] += r.msg_id() == kAttribute ? 1 : -1, 0);
         }
     }
-    // Each release goes to the sensor its attribute request went to.
-    EXPECT_TRUE(requests[6].suid == requests[8].suid && requests[7].suid == requests[9].suid);
-    EXPECT_NE(requests[6].suid, requests[7].suid);
-    EXPECT_TRUE(log_contains("(no of repeats:'0') ", ANDROID_LOG_INFO));
-    // The registry's answer ends its wait; settle, the later boot's 1 s, the final 50 ms.
-    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{0, 100, 1000, 50}));
-    EXPECT_EQ(factory.attributesMap.size(), 2u);
-    EXPECT_TRUE(factory.get_suids("heart_rate") == kHeartRate &&
-                factory.get_suids("none") == (sensor_uid{0, 0}));
-    EXPECT_FALSE(factory.listWriter.is_open());
-    EXPECT_EQ(root.read_file(kListPath), "health\nheart_rate\n");
+    for (const auto& entry : requested) EXPECT_EQ(entry.second, 0) << entry.first.low;
+    EXPECT_EQ(root.exists(kListPath) ? root.read_file(kListPath) : "(none)", run.list);
+    EXPECT_EQ(factory.listWriter.is_open(), run.name == std::string("ParseFailure"));
+    // Its line comes once, after the last re-sent lookup.
+    const std::vector<kivhal::host::log_line> log = kivhal::host::captured_log();
+    auto from_end = [&](const char* text) {
+        return std::find_if(log.rbegin(), log.rend(),
+                            [&](const auto& l) { return l.text.find(text) != std::string::npos; }) -
+               log.rbegin();
+    };
+    EXPECT_EQ(kivhal::test::log_lines_containing(run.log).size(), 1u);
+    EXPECT_LT(from_end(run.log), from_end("re-sending request for"));
+    EXPECT_TRUE(run.also == nullptr || log_contains(run.also, ANDROID_LOG_ERROR)) << run.also;
+    if (run.dump == nullptr) return;
+    TemporaryFile dump;
+    factory.dump(dump.fd);
+    std::string text;
+    ASSERT_TRUE(android::base::ReadFileToString(dump.path, &text));
+    EXPECT_EQ(text, run.dump);
 }
 
-// A broken configuration ends discovery with the list still open.
-TEST_F(DiscoveryDriverTest, ParseFailureLeavesTheListOpen) {
-    root.write_file(kConfigPath, "<configuration");
-    factory.startDiscovery(&core);
-    EXPECT_EQ(core.requests().size(), 2u);
-    EXPECT_TRUE(factory.listWriter.is_open() && root.exists(kListPath));
-}
-
-TEST_F(DiscoveryDriverTest, FirstBootWithoutAnswersRediscoversEightTimes) {
-    factory.startDiscovery(&core);
-    // The initial round plus eight passes re-sending all three names.
-    for (const char* name : {"health", "health_async_announce", "heart_rate"})
-        EXPECT_EQ(lookups_of(name), 9u) << name;
-    EXPECT_EQ(core.requests().size(), 2u + 27u + 1u);
-    // Registry wait and settle, 7 s, eight 2 s passes, the final 50 ms.
-    EXPECT_EQ(pauses_ms(), schedule({1000, 100, 7000}, {2000}, 8, {50}));
-    EXPECT_FALSE(factory.listWriter.is_open());
-    EXPECT_EQ(root.read_file(kListPath), "");
-}
-
-// Without its folder the list cannot be created: the answers still count,
-// so no rediscovery follows, and nothing is written.
-TEST_F(DiscoveryDriverTest, FirstBootWithoutTheListFolderStillCountsItsAnswers) {
-    std::filesystem::remove_all(root.host_path("/mnt/vendor/persist/sensors"));
-    core.add_sensor_type("health", {kHealth}, true);
-    factory.startDiscovery(&core);
-    EXPECT_EQ(num_mandatory_sns, 1u);
-    EXPECT_EQ(pauses_ms(4), (std::vector<int64_t>{1000, 100, 7000, 50}));
-    EXPECT_FALSE(root.exists(kListPath));
-    EXPECT_EQ(factory.attributesMap.count(kHealth), 1u);
-    EXPECT_TRUE(log_contains("create fail for sensors_list with errno ", ANDROID_LOG_ERROR));
-}
-
-// An unlisted answer grows the list but never counts, so the wait runs out.
-TEST_F(DiscoveryDriverTest, LaterBootWithEmptyListWaitsInVain) {
-    root.write_file(kListPath, "");
-    core.add_sensor_type("health", {kHealth}, true);
-    factory.startDiscovery(&core);
-    EXPECT_TRUE(mandatoryFound.empty());
-    EXPECT_EQ(mandatorySensors, std::vector<std::string>{"health"});
-    EXPECT_EQ(num_mandatory_sns, 0u);
-    EXPECT_TRUE(log_contains(", 1 missing sensor(s)", ANDROID_LOG_ERROR));
-    // Every pass re-sends the two names that never answered: 1 s after the
-    // lookups, eight 1 s passes, 50 ms; attributes follow.
-    EXPECT_EQ(lookups_of("heart_rate") + lookups_of("health_async_announce"), 18u);
-    EXPECT_EQ(pauses_ms(12), schedule({1000, 100, 1000}, {1000}, 8, {50}));
-    EXPECT_EQ(root.read_file(kListPath), "health\n");
-    EXPECT_EQ(factory.attributesMap.count(kHealth), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(Runs, DiscoveryRunTest, ::testing::ValuesIn(kRuns),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // A message the connection could not have delivered whole is dropped with an error line.
 TEST_F(DiscoveryCallbacksTest, MessagesWithoutTheirBytesAreDropped) {
@@ -313,125 +354,72 @@ TEST_F(DiscoveryCallbacksTest, FirstBootRecordsEachAnsweredNameOnce) {
     ASSERT_FALSE(factory.laterBoot);
     feed(core_t::make_lookup_event("accel", {}));
     EXPECT_TRUE(factory.suidMap.empty());
-    EXPECT_EQ(factory.lastSuidTime, 0);
+    sns_suid_event wrong_id;  // a lookup answer under another message id
+    wrong_id.set_datatypename("junk");
+    wrong_id.add_suids()->set_uidlow(9);
     // Serialized messages concatenate into one holding both events.
-    feed(core_t::make_event_msg(kLookupSuid, {{769, "junk"}}) +
+    feed(core_t::make_event_msg(kLookupSuid, {{769, wrong_id.SerializeAsString()}}) +
          core_t::make_lookup_event("accel", {{1, 1}, {2, 2}}));
     feed(core_t::make_lookup_event("gyro", {{4, 4}}));
     feed(core_t::make_lookup_event("accel", {{3, 3}}));
-    factory.deinit_mandatory_list_db();
-    EXPECT_EQ(factory.suidMap["accel"], (std::vector<sensor_uid>{{3, 3}}));
-    EXPECT_EQ(factory.get_suids("none"), (sensor_uid{0, 0}));
-    EXPECT_NE(factory.lastSuidTime, 0);
+    factory.listReader.open(root.host_path(kListPath));
+    factory.deinit_mandatory_list_db();  // a first boot closes only its writer
+    EXPECT_TRUE(factory.listReader.is_open());
+    EXPECT_TRUE(factory.get_suids("accel") == (sensor_uid{3, 3}) &&
+                factory.get_suids("none") == (sensor_uid{0, 0}));
     EXPECT_EQ(num_mandatory_sns, 2u);
     EXPECT_EQ(root.read_file(kListPath), "accel\ngyro\n");
 }
 
+// A line no lookup could have come from is dropped, not kept in memory.
 TEST_F(DiscoveryCallbacksTest, LaterBootCountsListedNamesOnceAndAppendsNewOnes) {
-    root.write_file(kListPath, "a\nb\na\n\nc");
+    const std::string name_1000(1000, 'n');
+    const std::string listed = "a\nb\na\n\n" + std::string(2000, 'x') + "\n" + name_1000 + "\nc";
+    root.write_file(kListPath, listed);
     factory.init_mandatory_list_db();
     ASSERT_TRUE(factory.laterBoot);
-    EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", "c"}));
+    EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", name_1000, "c"}));
+    EXPECT_TRUE(log_contains(
+        "sensors_list line 5 is 2000 bytes, longer than any sensor type name; dropped"));
     mandatoryFound = {{"a", false}, {"b", false}, {"c", false}};
     for (const char* name : {"a", "a", "new", "new", "b"})
         factory.handle_suids_lookup_callback(name, {{1, 1}});
     EXPECT_EQ(num_mandatory_sns, 2u);
     EXPECT_FALSE(allMandatoryFound.load());
-    EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", "c", "new"}));
+    EXPECT_EQ(mandatorySensors, (std::vector<std::string>{"a", "b", "", name_1000, "c", "new"}));
     factory.deinit_mandatory_list_db();
-    EXPECT_EQ(root.read_file(kListPath), "a\nb\na\n\ncnew\n");
+    EXPECT_EQ(root.read_file(kListPath), listed + "new\n");
 }
 
-// What cannot be the list is no list this boot, and opening it never blocks;
-// a line no lookup could have come from is dropped, not kept in memory.
-TEST_F(DiscoveryCallbacksTest, AListThatIsNoRegularFileOrHasOverlongLinesIsRefusedAtOnce) {
+// What cannot be the list is no list this boot, and opening it never blocks.
+TEST_F(DiscoveryCallbacksTest, AListThatIsNoRegularFileIsRefusedAtOnce) {
     const std::string path = root.host_path(kListPath);
-    const std::string name_1000(1000, 'n');
-    const struct {
-        std::function<void()> make;
-        std::vector<std::string> loaded;
-        const char* error;
-    } cases[] = {
-        {[&] { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); },
-         {},
-         "open read fail for sensors_list reading with errno Invalid argument "},
-        {[&] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); },
-         {},
-         "open read fail for sensors_list reading with errno Is a directory "},
-        {[&] {
-             root.write_file(kListPath, "a\n" + std::string(2000, 'x') + "\n" + name_1000 + "\nb");
-         },
-         {"a", name_1000, "b"},
-         "sensors_list line 2 is 2000 bytes, longer than any sensor type name; dropped"},
-    };
-    for (const auto& c : cases) {
-        kivhal::test::reset_discovery_state();
-        rmdir(path.c_str());
+    const std::pair<std::function<int()>, const char*> cases[] = {
+        {[&] { return mkfifo(path.c_str(), 0600); }, "Invalid argument "},
+        {[&] { return mkdir(path.c_str(), 0700); }, "Is a directory "}};
+    for (const auto& [make, error] : cases) {
         unlink(path.c_str());
-        c.make();
+        ASSERT_EQ(make(), 0);
         kiv_sensor_factory fresh;
         auto done = std::async(std::launch::async, [&] { fresh.init_mandatory_list_db(); });
         if (done.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
-            ADD_FAILURE() << "still blocked after 2 s: " << c.error;
+            ADD_FAILURE() << "still blocked after 2 s: " << error;
             close(open(path.c_str(), O_WRONLY | O_NONBLOCK));  // lets the blocked open return
         }
         done.wait();
-        EXPECT_EQ(mandatorySensors, c.loaded) << c.error;
-        EXPECT_EQ(fresh.listWriter.is_open(), !c.loaded.empty()) << c.error;
-        EXPECT_TRUE(log_contains(c.error, ANDROID_LOG_ERROR)) << c.error;
-        fresh.deinit_mandatory_list_db();
+        EXPECT_TRUE(mandatorySensors.empty() && !fresh.listWriter.is_open()) << error;
+        EXPECT_TRUE(log_contains(
+            std::string("open read fail for sensors_list reading with errno ") + error))
+            << error;
     }
-}
-
-TEST_F(DiscoveryCallbacksTest, FirstBootRediscoveryResendsOnlyMissingNames) {
-    factory.laterBoot = false;
-    factory.suidMap["health"] = {{1, 1}};
-    factory.discoveryList.push_back("accel");
-    core.register_cb(kLookupSuid, nullptr, nullptr,
-                     [this](const uint8_t* data, uint32_t length, uint64_t) {
-                         factory.default_suids_lookup_callback(data, length, 0);
-                     });
-    core.add_sensor_type("accel", {{7, 7}});
-    factory.wait_for_sensors();
-    const std::vector<fake_request> requests = core.requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].lookup.datatypename(), "health_async_announce");
-    EXPECT_EQ(requests[1].lookup.datatypename(), "accel");
-    EXPECT_TRUE(requests[1].lookup.lookupoption());
-    EXPECT_EQ(pauses_ms(), std::vector<int64_t>{2000});  // one pass found it
-}
-
-TEST_F(DiscoveryCallbacksTest, AttributesAreStoredPerSensorAndAMissingAnswerTimesOut) {
-    const sensor_uid answered{0x10, 0x1}, silent{0x20, 0x2};
-    factory.suidMap["two"] = {answered, silent};
-    core.add_sensor_type("unused", {answered}, true);
-    factory.retrieve_attributes();
-    // A hundred 30 ms steps, then 50 ms after the releases.
-    EXPECT_EQ(pauses_ms(), schedule({}, {30}, 100, {50}));
-    EXPECT_EQ(factory.pendingAttributes, 1u);
-    EXPECT_TRUE(factory.attributesMap.count(answered) && !factory.attributesMap.count(silent));
-    EXPECT_EQ(core.requests().size(), 4u);
-
-    // A late answer is still stored: other events skipped, a repeated id's last
-    // value kept; one beyond the requests leaves the count at zero.
-    sns_std_attr_event late;
-    for (const char* name : {"old", "new"}) {
-        sns_std_attr* attr = late.add_attributelist();
-        attr->set_attributeid(0);
-        *attr->mutable_value() = values<const char*>({name});
-    }
-    const handler attributes = &kiv_sensor_factory::default_attributes_lookup_callback;
-    feed(core_t::make_event_msg(silent, {{129, "x"}, {128, late.SerializeAsString()}}), attributes);
-    EXPECT_EQ(factory.attributesMap.at(silent).get_string(0), "new");
-    EXPECT_EQ(factory.pendingAttributes, 0u);
-    feed(core_t::make_event_msg(silent, {{128, ""}}), attributes);
-    EXPECT_EQ(factory.pendingAttributes, 0u);
 }
 
 // Attribute answers that arrive only after discovery gave up waiting are
 // stored on the reader's thread while the service already asks its capability
 // queries on another. Under ThreadSanitizer this is the check that the
-// attribute map is locked on both sides.
+// attribute map is locked on both sides. Other events are skipped, a repeated
+// id's last value is kept, and an answer beyond the requests leaves the count
+// at zero.
 TEST_F(DiscoveryCallbacksTest, LateAttributesStoredWhileQueriesRunAreSeenWhole) {
     root.write_file(kListPath, "heart_rate\n");  // later boot: the short wait
     std::vector<sensor_uid> suids;  // enough that storing them rehashes the map several times
@@ -451,15 +439,25 @@ TEST_F(DiscoveryCallbacksTest, LateAttributesStoredWhileQueriesRunAreSeenWhole) 
             factory.getAutoStopList();
         }
     });
-    while (queries == 0) std::this_thread::yield();
-    for (const sensor_uid& suid : suids) {
-        feed(core_t::make_event_msg(suid, {{128, sns_std_attr_event().SerializeAsString()}}),
-             &kiv_sensor_factory::default_attributes_lookup_callback);
+    sns_std_attr_event late;
+    for (const char* name : {"old", "new"}) {
+        sns_std_attr* attr = late.add_attributelist();
+        attr->set_attributeid(0);
+        *attr->mutable_value() = values<const char*>({name});
     }
+    while (queries == 0) std::this_thread::yield();
+    const handler attributes = &kiv_sensor_factory::default_attributes_lookup_callback;
+    for (const sensor_uid& suid : suids)
+        feed(core_t::make_event_msg(suid, {{129, "x"}, {128, late.SerializeAsString()}}),
+             attributes);
     done = true;
     service.join();
     for (const sensor_uid& suid : suids)
-        EXPECT_TRUE(factory.find_attributes(suid, &found)) << suid.low;
+        EXPECT_TRUE(factory.find_attributes(suid, &found) && found.get_string(0) == "new")
+            << suid.low;
+    EXPECT_EQ(factory.pendingAttributes, 0u);
+    feed(core_t::make_event_msg(suids[0], {{128, ""}}), attributes);
+    EXPECT_EQ(factory.pendingAttributes, 0u);
     EXPECT_EQ(
         factory.getSupportedMetricsTypes(),
         std::vector<kiv_sensor_factory::DataType>{static_cast<kiv_sensor_factory::DataType>(0x1)});
