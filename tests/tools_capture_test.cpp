@@ -300,11 +300,20 @@ std::vector<const tools::capture_record*> packets(const tools::capture& c,
     return out;
 }
 
-TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesItsResponse) {
-    constexpr int kPerThread = 500;
+// Two senders on one connection and a second connection on its own channel,
+// all into one file: in time order, each request before its response, each
+// channel's packets on its own interface, byte for byte.
+TEST_F(CaptureTest, SendersAndConnectionsShareOneFileInTimeOrderEachOnItsInterface) {
+    constexpr int kPerThread = 500, kSecondRequests = 20;
+    const char kSecond[] = "second";
+    core_stub second_core(kSecond);
+    event_recorder other;
     host::set_property(kCaptureProperty, capture);
     core->set_auto_respond(true);
-    const auto answered = [&] { return accel.responses().size() + gyro.responses().size(); };
+    second_core.set_auto_respond(true);
+    const auto answered = [&] {
+        return accel.responses().size() + gyro.responses().size() + other.responses().size();
+    };
     // Each request's write returns only once its answer has been read: the
     // reader records the response before the sender is back. (The stand-in
     // writes through the same hook: its packets are shorter.)
@@ -319,62 +328,44 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
                              },
                              nullptr});
     ASSERT_NO_FATAL_FAILURE(connect());
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    ASSERT_EQ(0, register_sensor(kGyro, gyro));
-    std::thread other([&] {
-        for (int i = 0; i < kPerThread; ++i) send(kGyro, kAttributeRequest);
-    });
-    for (int i = 0; i < kPerThread; ++i) send(kAccel, kAttributeRequest);
-    other.join();
-    ASSERT_TRUE(eventually([&] { return answered() == 2 * kPerThread; }));
-    conn.reset();
-
-    const tools::capture c = tools::read_capture(capture);
-    // read_capture sorts by time, stable: file order is time order when no frame moved.
-    for (size_t i = 0; i < c.records.size(); ++i)
-        ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
-    const auto requests = packets(c, kChannel, true), responses = packets(c, kChannel, false);
-    ASSERT_EQ(size_t(2 * kPerThread), requests.size());
-    ASSERT_EQ(requests.size(), responses.size());
-    // The core answers in order: the k-th response answers the k-th request.
-    for (size_t k = 0; k < requests.size(); ++k)
-        ASSERT_LT(requests[k]->frame, responses[k]->frame) << k;
-}
-
-TEST_F(CaptureTest, TwoConnectionsShareOneFileEachOnItsInterface) {
-    constexpr int kRequests = 20;
-    const char kSecond[] = "second";
-    core_stub second_core(kSecond);
-    host::set_property(kCaptureProperty, capture);
-    core->set_auto_respond(true);
-    second_core.set_auto_respond(true);
-    ASSERT_NO_FATAL_FAILURE(connect());
     std::unique_ptr<tav_interface> second(
         tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kSecond}));
     ASSERT_TRUE(second_core.wait_connected(kWait));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
-    ASSERT_EQ(0, second->register_cb(kGyro, gyro.response_callback(), nullptr, nullptr));
-    for (int i = 0; i < kRequests; ++i) {
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    ASSERT_EQ(0, second->register_cb(kGyro, other.response_callback(), nullptr, nullptr));
+    std::thread sender([&] {
+        for (int i = 0; i < kPerThread; ++i) send(kGyro, kAttributeRequest);
+    });
+    for (int i = 0; i < kPerThread; ++i) {
         send(kAccel, kAttributeRequest, i);
-        second->send_request(kGyro, true, request_payload(kGyro, kAttributeRequest), i);
+        if (i < kSecondRequests)
+            second->send_request(kGyro, true, request_payload(kGyro, kAttributeRequest), i);
     }
-    ASSERT_TRUE(eventually(
-        [&] { return accel.responses().size() + gyro.responses().size() == 2 * kRequests; }));
+    sender.join();
+    ASSERT_TRUE(eventually([&] { return answered() == 2 * kPerThread + kSecondRequests; }));
     conn.reset();  // the first one out leaves the file to the other
     second.reset();
 
     const tools::capture c = tools::read_capture(capture);
     EXPECT_EQ(2u, c.channel_interfaces);
     EXPECT_EQ(0u, c.dropped);
+    // read_capture sorts by time, stable: file order is time order when no frame moved.
+    for (size_t i = 0; i < c.records.size(); ++i)
+        ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
     for (auto [stub, channel] :
          {std::pair<core_stub*, const char*>{core.get(), kChannel}, {&second_core, kSecond}}) {
         const auto sent = stub->take_requests();
-        const auto recorded = packets(c, channel, true);
-        ASSERT_EQ(sent.size(), recorded.size()) << channel;
-        for (size_t i = 0; i < sent.size(); ++i)
-            EXPECT_EQ(sent[i].raw, recorded[i]->bytes) << channel << " " << i;
-        EXPECT_EQ(size_t(kRequests), packets(c, channel, false).size()) << channel;
+        const auto requests = packets(c, channel, true), responses = packets(c, channel, false);
+        ASSERT_EQ(sent.size(), requests.size()) << channel;
+        ASSERT_EQ(sent.size(), responses.size()) << channel;
+        // The core answers in order: the k-th response answers the k-th request.
+        for (size_t k = 0; k < sent.size(); ++k) {
+            EXPECT_EQ(sent[k].raw, requests[k]->bytes) << channel << " " << k;
+            ASSERT_LT(requests[k]->frame, responses[k]->frame) << channel << " " << k;
+        }
     }
+    EXPECT_EQ(size_t(kSecondRequests), other.responses().size());
 }
 
 // How a child that captured ends: every record must be in the file.
