@@ -430,24 +430,40 @@ TEST(CaptureEndTest, ExitAHangUpAndAKillAfterAQuietSecondLoseNothing) {
 TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     scoped_root root;
     const std::string path = root.host_path("/capture.pcapng");
-    constexpr uint64_t kLimit = 50 * 1024;
-    // 60 records of 500 bytes: less than a flush's 64 KiB, so each round is
-    // written whole by the writer's second.
+    // Rounds of 60 records of 500 bytes: less than a flush's 64 KiB, so each
+    // round is written whole by the writer's second. The file's size after
+    // the last round, before the capture ends.
     constexpr int kPerRound = 60;
-    {
-        auto capture = connection::channel_capture::open(path, "sensors", kLimit);
-        ASSERT_TRUE(capture);
+    const auto rounds = [&](const std::string& file, uint64_t limit, uint8_t count) {
+        auto capture = connection::channel_capture::open(file, "sensors", limit);
+        EXPECT_TRUE(capture);
         std::vector<uint8_t> packet(500);
-        for (uint8_t round = 0; round < 3; ++round) {
+        for (uint8_t round = 0; capture && round < count; ++round) {
             packet[0] = round;
             for (int i = 0; i < kPerRound; ++i) capture->inbound(packet.data(), packet.size());
-            ASSERT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+            EXPECT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
         }
-        EXPECT_EQ(uint64_t(3 * kPerRound), capture->get_status().records);
-    }
+        EXPECT_EQ(uint64_t(count * kPerRound), capture->get_status().records);
+        struct stat st = {};
+        stat(file.c_str(), &st);
+        return uint64_t(st.st_size);
+    };
+    const std::string measured = root.host_path("/one-round.pcapng");
+    const uint64_t one_round = rounds(measured, UINT64_MAX, 1);
+    // Nanosecond stamps: the channel's if_tsresol (9, one byte) after its
+    // name, the device node.
+    std::string bytes;
+    ASSERT_TRUE(android::base::ReadFileToString(measured, &bytes));
+    EXPECT_NE(std::string::npos, bytes.find(std::string("\x02\x00\x16\x00"
+                                                        "ductopkt_vorla_sensors\x00\x00"
+                                                        "\x09\x00\x01\x00\x09\x00\x00\x00",
+                                                        34)));
+    // The second round ends exactly at the limit: a record is an enhanced
+    // packet block of 28 + 500 + 16 bytes.
+    rounds(path, one_round + kPerRound * 544, 3);
     const tools::capture current = tools::read_capture(path);
     const tools::capture previous = tools::read_capture(path + ".1");
-    // The second round passed the limit: .1 holds rounds 0 and 1.
+    // The second round reached the limit: .1 holds rounds 0 and 1.
     ASSERT_EQ(size_t(kPerRound), current.records.size());
     ASSERT_EQ(size_t(2 * kPerRound), previous.records.size());
     EXPECT_EQ(2, current.records.front().bytes[0]);
