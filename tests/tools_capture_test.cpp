@@ -483,6 +483,8 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     const tools::capture kept = tools::read_capture(path + ".1");
     ASSERT_EQ(size_t(kPerRound), kept.records.size());
     EXPECT_EQ(2, kept.records.back().bytes[0]);
+    // The reused file was emptied first: it starts with its section header.
+    EXPECT_EQ(std::string("\x0a\x0d\x0d\x0a", 4), root.read_file("/capture.pcapng").substr(0, 4));
 }
 
 }  // namespace
