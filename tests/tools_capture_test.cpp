@@ -19,6 +19,7 @@
 #include "sensorstore_image.h"
 #include "sns_std_attr.pb.h"
 #include "tool_process.h"
+#include "utils/SystemClock.h"
 
 namespace kivhal {
 namespace test {
@@ -444,20 +445,35 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
             EXPECT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
         }
         EXPECT_EQ(uint64_t(count * kPerRound), capture->get_status().records);
+        EXPECT_EQ(0u, capture->get_status().all_dropped);
         struct stat st = {};
         stat(file.c_str(), &st);
         return uint64_t(st.st_size);
     };
     const std::string measured = root.host_path("/one-round.pcapng");
+    const uint64_t started_ns = uint64_t(android::elapsedRealtimeNano());
     const uint64_t one_round = rounds(measured, UINT64_MAX, 1);
-    // Nanosecond stamps: the channel's if_tsresol (9, one byte) after its
-    // name, the device node.
+    // The channel's interface block: link type 147, snap length 65539, its
+    // name (the device node) and nanosecond stamps (if_tsresol 9, one byte).
     std::string bytes;
     ASSERT_TRUE(android::base::ReadFileToString(measured, &bytes));
-    EXPECT_NE(std::string::npos, bytes.find(std::string("\x02\x00\x16\x00"
-                                                        "ductopkt_vorla_sensors\x00\x00"
-                                                        "\x09\x00\x01\x00\x09\x00\x00\x00",
-                                                        34)));
+    EXPECT_NE(std::string::npos,
+              bytes.find(std::string("\x93\x00\x00\x00\x03\x00\x01\x00\x02\x00\x16\x00"
+                                     "ductopkt_vorla_sensors\x00\x00"
+                                     "\x09\x00\x01\x00\x09\x00\x00\x00",
+                                     42)));
+    // Statistics of both interfaces close the file: 40 bytes each, stamped
+    // on the boot clock while the capture ended, no drops.
+    for (const char* head : {"\x05\0\0\0\x28\0\0\0\0\0\0\0", "\x05\0\0\0\x28\0\0\0\x01\0\0\0"}) {
+        const size_t isb = bytes.find(std::string(head, 12));
+        ASSERT_NE(std::string::npos, isb) << int(head[8]);
+        uint32_t stamp[2];
+        memcpy(stamp, &bytes[isb + 12], sizeof(stamp));
+        EXPECT_LE(uint64_t(stamp[0]) << 32 | stamp[1], uint64_t(android::elapsedRealtimeNano()));
+        EXPECT_GE(uint64_t(stamp[0]) << 32 | stamp[1], started_ns);
+        EXPECT_EQ(std::string("\x05\x00\x08\x00\0\0\0\0\0\0\0\0\0\0\0\0\x28\x00\x00\x00", 20),
+                  bytes.substr(isb + 20, 20));
+    }
     // The second round ends exactly at the limit: a record is an enhanced
     // packet block of 28 + 500 + 16 bytes.
     rounds(path, one_round + kPerRound * 544, 3);
@@ -483,6 +499,13 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     const tools::capture kept = tools::read_capture(path + ".1");
     ASSERT_EQ(size_t(kPerRound), kept.records.size());
     EXPECT_EQ(2, kept.records.back().bytes[0]);
+    // A lone record on a written-out ring wakes the writer.
+    {
+        auto capture = connection::channel_capture::open(root.host_path("/lone.pcapng"), "sensors");
+        ASSERT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+        capture->inbound(reinterpret_cast<const uint8_t*>("x"), 1);
+        EXPECT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+    }
     // The reused file was emptied first: it starts with its section header.
     EXPECT_EQ(std::string("\x0a\x0d\x0d\x0a", 4), root.read_file("/capture.pcapng").substr(0, 4));
 }
