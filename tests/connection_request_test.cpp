@@ -5,7 +5,6 @@
 #include <utils/SystemClock.h>
 
 #include <atomic>
-#include <cstring>
 
 #include "connection_test_fixture.h"
 #include "sns_wakelock.h"
@@ -16,7 +15,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
-using ::testing::Field;
 using ::testing::StartsWith;
 
 constexpr uint32_t kLookup = 512;
@@ -71,32 +69,31 @@ TEST_F(connection_test, RequestsAreFramedByteForByteAndAnswersGoToTheOldestPendi
     EXPECT_EQ((std::vector<event_recorder::response>{{80, 8}, {110, 11}}), gyro.responses());
 }
 
-TEST_F(connection_test, RegistrationEndsOnlyWhenADisableRequestIsAnswered) {
+// A registration ends only when a disable request is answered; its id goes
+// back to the pool, to be handed out again after every never-used id.
+TEST_F(connection_test, RegistrationEndsWhenADisableIsAnsweredAndItsIdComesBackLast) {
     ASSERT_NO_FATAL_FAILURE(connect());
+    const sensor_uid first = nth_sensor(0);
     EXPECT_THAT(
-        [&] { send(kAccel, kLookup); },
+        [&] { send(first, kLookup); },
         ThrowsMessage<ducto_error>(StrEq("TAV_DUCTO_ERROR ducto_write failed : Success (0)")));
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    send(kAccel, kLookup);
+    ASSERT_EQ(0, register_sensor(first, accel));          // id 1
+    ASSERT_EQ(0, register_sensor(nth_sensor(1), accel));  // id 2
+    send(first, kLookup);
     core->send_response({});
     // Packets are handled in order: once the report is in, the answer's handling is done.
-    core->send_event(core_stub::make_event(kAccel, 1, "x"));
+    core->send_event(core_stub::make_event(first, 1, "x"));
     ASSERT_TRUE(accel.wait_for(1));
-    EXPECT_EQ(-1, register_sensor(kAccel, gyro)) << "an ordinary answer ended the registration";
-
-    send(kAccel, kDisable);
+    EXPECT_EQ(-1, register_sensor(first, gyro)) << "an ordinary answer ended the registration";
+    send(first, kDisable);
     ASSERT_TRUE(core->wait_for_requests(2, kWait));
-    EXPECT_EQ(-1, register_sensor(kAccel, gyro)) << "ended before the answer";
+    EXPECT_EQ(-1, register_sensor(first, gyro)) << "ended before the answer";
     core->send_response({});
-    ASSERT_TRUE(eventually([&] { return ducto()->get_clientreq_id(kAccel) == 0; }));
+    ASSERT_TRUE(eventually([&] { return ducto()->get_clientreq_id(first) == 0; }));
     EXPECT_EQ(2u, accel.responses().size());
-    EXPECT_THROW(send(kAccel, kLookup), ducto_error);
-    EXPECT_EQ(0, register_sensor(kAccel, gyro));
-}
+    EXPECT_THROW(send(first, kLookup), ducto_error);
+    ASSERT_EQ(0, register_sensor(first, accel));
 
-TEST_F(connection_test,
-       FreedIdIsReusedOnlyAfterEveryNeverUsedIdAndTheTwoHundredFiftySixthIsRefused) {
-    ASSERT_NO_FATAL_FAILURE(connect());
     core->set_auto_respond(true);
     auto id_of_next_request = [&](sensor_uid suid) {
         const size_t count = core->request_count() + 1;
@@ -104,12 +101,7 @@ TEST_F(connection_test,
         EXPECT_TRUE(core->wait_for_requests(count, kWait));
         return core->requests().back().client_req_id;
     };
-    ASSERT_EQ(0, register_sensor(nth_sensor(0), accel));  // id 1
-    ASSERT_EQ(0, register_sensor(nth_sensor(1), accel));  // id 2
-    send(nth_sensor(0), kDisable);
-    ASSERT_TRUE(eventually([&] { return register_sensor(nth_sensor(0), accel) == 0; }));
-
-    EXPECT_EQ(3, id_of_next_request(nth_sensor(0)));
+    EXPECT_EQ(3, id_of_next_request(first));
     for (int i = 2; i < kMaxClients - 1; ++i) ASSERT_EQ(0, register_sensor(nth_sensor(i), accel));
     EXPECT_EQ(255, id_of_next_request(nth_sensor(kMaxClients - 2)));
     ASSERT_EQ(0, register_sensor(nth_sensor(kMaxClients - 1), accel));
@@ -119,8 +111,7 @@ TEST_F(connection_test,
                     StrEq("TAV_DUCTO exceeded maximum number of ducto clients")));
 }
 
-TEST_F(connection_test,
-       EveryWriteHoldsTheWakeLockAndWritesAndReportsQueryTraceTagsOnlyWhenTracingIsOn) {
+TEST_F(connection_test, EveryWriteAndReportHoldsTheWakeLockAndQueriesTraceTagsOnlyWhenTracingIsOn) {
     for (const bool tracing : {false, true}) {
         host::set_property("persist.vendor.debug.kiv.trace", tracing ? "true" : "false");
         ASSERT_NO_FATAL_FAILURE(connect());
@@ -134,17 +125,28 @@ TEST_F(connection_test,
         EXPECT_EQ(locked + kWakeLockName + kWakeLockName, root.read_file("/sys/power/wake_lock"));
         EXPECT_EQ(unlocked + kWakeLockName + kWakeLockName,
                   root.read_file("/sys/power/wake_unlock"));
-        // A report is delivered between two queries (once the stand-in has taken this connection).
+        // A report is delivered between two queries (once the stand-in has
+        // taken this connection), holding one wake-lock reference given back
+        // after its callback returns.
         ASSERT_TRUE(core->wait_for_requests(tracing ? 4 : 2, kWait));
         std::atomic<uint64_t> during{~0ull};
+        std::atomic<int> references{-1};  // 0 when the lock was not held
         conn->register_cb(kGyro, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
+            const auto lock = sns_wakelock::get_instance()->get_state();
+            references = lock.held ? static_cast<int>(lock.count) : 0;
             during = host::trace_tag_queries();
         });
         ASSERT_TRUE(core->send_packet(
             core_stub::make_report(core_stub::make_event(kGyro, kDataEvent, "r"))));
-        EXPECT_TRUE(eventually(
-            [&] { return during != ~0ull && host::trace_tag_queries() == (tracing ? 6u : 0u); }));
+        EXPECT_TRUE(eventually([&] {
+            return during != ~0ull && host::trace_tag_queries() == (tracing ? 6u : 0u) &&
+                   sns_wakelock::get_instance()->get_state().count == 0;
+        }));
         EXPECT_EQ(tracing ? 5u : 0u, during.load());
+        EXPECT_EQ(1, references.load());
+        EXPECT_FALSE(sns_wakelock::get_instance()->get_state().held);
+        EXPECT_EQ(unlocked + kWakeLockName + kWakeLockName + kWakeLockName,
+                  root.read_file("/sys/power/wake_unlock"));
         conn.reset();
     }
 }
@@ -193,12 +195,8 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
     // Dispatch keeps packet order: once the sentinel is in, every packet was judged.
     ASSERT_TRUE(gyro.wait_for(2));
     const uint64_t after = static_cast<uint64_t>(android::elapsedRealtimeNano());
-    using event = event_recorder::event;
-    EXPECT_THAT(gyro.events(),
-                ElementsAre(Field(&event::payload, small), Field(&event::payload, sentinel)));
-    EXPECT_THAT(accel.events(),
-                ElementsAre(Field(&event::payload, jumbo), Field(&event::payload, full),
-                            Field(&event::payload, last)));
+    EXPECT_THAT(gyro.payloads(), ElementsAre(small, sentinel));
+    EXPECT_THAT(accel.payloads(), ElementsAre(jumbo, full, last));
     for (const auto& e : accel.events()) {
         EXPECT_GE(e.timestamp, before);
         EXPECT_LE(e.timestamp, after);
@@ -206,26 +204,6 @@ TEST_F(connection_test, ReportsReachTheNamedSensorInOrderAndMalformedOnesAreDrop
     EXPECT_EQ(5u, log_lines_containing(", dropped", ANDROID_LOG_ERROR).size());
     EXPECT_TRUE(ducto()->is_suid_already_registered(kGyro) &&
                 !ducto()->is_suid_already_registered({0x3333, 0xc3}));
-}
-
-TEST_F(connection_test, ReportHoldsTheWakeLockOnlyWhileItsCallbackRuns) {
-    ASSERT_NO_FATAL_FAILURE(connect());
-    sns_wakelock* wakelock = sns_wakelock::get_instance();
-    std::atomic<int> in_callback{-1};  // references then, 0 when the lock was not held
-    ASSERT_EQ(
-        0, conn->register_cb(kAccel, nullptr, nullptr, [&](const uint8_t*, uint32_t, uint64_t) {
-            in_callback =
-                wakelock->get_state().held ? static_cast<int>(wakelock->get_state().count) : 0;
-        }));
-    const std::string unlocked = root.read_file("/sys/power/wake_unlock");
-    ASSERT_TRUE(
-        core->send_packet(core_stub::make_report(core_stub::make_event(kAccel, kDataEvent, "r"))));
-    ASSERT_TRUE(eventually([&] { return in_callback != -1; }));
-    EXPECT_EQ(1, in_callback);
-    // The reference is given back after the callback returns, on the reader thread.
-    EXPECT_TRUE(eventually([&] { return wakelock->get_state().count == 0; }));
-    EXPECT_FALSE(wakelock->get_state().held);
-    EXPECT_EQ(unlocked + kWakeLockName, root.read_file("/sys/power/wake_unlock"));
 }
 
 // The state dump follows what the client and the core did.
@@ -277,34 +255,17 @@ TEST_F(connection_test, DumpShowsRegistrationsRequestsAwaitingAnswersAndSessions
     }
 }
 
-// MurmurHash2 over a byte buffer, written from the published algorithm
-// (16-byte keys only, so no tail), independently of the library's word loop.
-uint32_t reference_murmur2(const sensor_uid& suid) {
-    const uint32_t m = 0x5bd1e995;
-    unsigned char data[sizeof(suid)];
-    memcpy(data, &suid, sizeof(data));
-    uint32_t h = sizeof(data);
-    for (const unsigned char* p = data; p < data + sizeof(data); p += 4) {
-        uint32_t k = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
-        k *= m;
-        k ^= k >> 24;
-        k *= m;
-        h = (h * m) ^ k;
-    }
-    h ^= h >> 13;
-    h *= m;
-    return h ^ (h >> 15);
-}
-
+// MurmurHash2 of the sixteen bytes, low half first, initial value 16.
 TEST(SensorUidTest, HashIsMurmur2OfTheSixteenBytesLowHalfFirst) {
-    const sensor_uid ids[] = {{0, 0}, {0xabababababababab, 0xabababababababab}, {1, 0},
-                              {0, 1}, {0x0123456789abcdef, 0xfedcba9876543210}, {~0ull, ~0ull}};
-    for (const sensor_uid& id : ids) {
-        EXPECT_EQ(sensor_uid_hash()(id), static_cast<size_t>(reference_murmur2(id)))
-            << std::hex << id.high << ":" << id.low;
-    }
-    // Sixteen zero bytes with initial value 16.
-    EXPECT_EQ(sensor_uid_hash()(sensor_uid{0, 0}), 0x2018c55bu);
+    const struct {
+        sensor_uid id;
+        uint32_t hash;
+    } cases[] = {{{0, 0}, 0x2018c55b},
+                 {{1, 0}, 0x8ec533f8},
+                 {{0, 1}, 0x2bfd45cb},
+                 {{0x0123456789abcdef, 0xfedcba9876543210}, 0x0419463d},
+                 {{~0ull, ~0ull}, 0xeb2ab9ce}};
+    for (const auto& c : cases) EXPECT_EQ(size_t(c.hash), sensor_uid_hash()(c.id)) << c.id.low;
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "sensorstore_image.h"
 #include "sns_std_attr.pb.h"
 #include "tool_process.h"
+#include "utils/SystemClock.h"
 
 namespace kivhal {
 namespace test {
@@ -126,7 +127,7 @@ TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
     ASSERT_NE(recorded.records.end(), dropped);
     EXPECT_EQ(kOversize, dropped->bytes);
     EXPECT_EQ(1, dropped->reason);  // the length field past the buffer
-    const auto recorded_events = accel.events();
+    const auto recorded_payloads = accel.payloads();
     const auto recorded_responses = accel.responses();
 
     scoped_root replay_root;
@@ -147,10 +148,7 @@ TEST_F(CaptureTest, ReplayedSessionGivesTheSameCallbacksAndEndsClean) {
                       &image));
     EXPECT_EQ(0600u, image.st_mode & 0777);
 
-    ASSERT_EQ(recorded_events.size(), replayed.events().size());
-    for (size_t i = 0; i < kEvents; ++i) {
-        EXPECT_EQ(recorded_events[i].payload, replayed.events()[i].payload) << "event " << i;
-    }
+    EXPECT_EQ(recorded_payloads, replayed.payloads());
     EXPECT_EQ(recorded_responses, replayed.responses());
 }
 
@@ -200,12 +198,11 @@ TEST_F(CaptureTest, TsharkDecodesTheFramingAndTheProtobufPayloads) {
     if (std::string(KIVHAL_TSHARK).empty())
         GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh installs it)";
     ASSERT_NO_FATAL_FAILURE(record());
-    const tool_result result = run_program(
-        KIVHAL_TSHARK,
-        {"-r", capture, "-P", "-V", "-X",
-         "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
-         "-o",
-         "uat:protobuf_search_paths:\"" + std::string(KIVHAL_SOURCE_DIR) + "/proto\",\"TRUE\""});
+    const std::string source(KIVHAL_SOURCE_DIR),
+        lua = source + "/tools/wireshark/kivhal_channel.lua";
+    const tool_result result =
+        run_program(KIVHAL_TSHARK, {"-r", capture, "-P", "-V", "-X", "lua_script:" + lua, "-o",
+                                    "uat:protobuf_search_paths:\"" + source + "/proto\",\"TRUE\""});
     ASSERT_EQ(0, result.exit_code) << result.err;
     // Dates, not the boot clock's 1970.
     EXPECT_THAT(result.out, Not(HasSubstr("Arrival Time: Jan  1, 1970")));
@@ -223,11 +220,9 @@ TEST_F(CaptureTest, TsharkDecodesTheFramingAndTheProtobufPayloads) {
         EXPECT_THAT(result.out, HasSubstr(text));
     }
     // A proto path that does not resolve is named, not silent.
-    const tool_result unresolved = run_program(
-        KIVHAL_TSHARK,
-        {"-r", capture, "-V", "-X",
-         "lua_script:" + std::string(KIVHAL_SOURCE_DIR) + "/tools/wireshark/kivhal_channel.lua",
-         "-o", "uat:protobuf_search_paths:\"proto\",\"TRUE\""});
+    const tool_result unresolved =
+        run_program(KIVHAL_TSHARK, {"-r", capture, "-V", "-X", "lua_script:" + lua, "-o",
+                                    "uat:protobuf_search_paths:\"proto\",\"TRUE\""});
     EXPECT_THAT(
         unresolved.out,
         HasSubstr("protobuf type sns_client_request_msg not found: set protobuf_search_paths"));
@@ -306,11 +301,20 @@ std::vector<const tools::capture_record*> packets(const tools::capture& c,
     return out;
 }
 
-TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesItsResponse) {
-    constexpr int kPerThread = 500;
+// Two senders on one connection and a second connection on its own channel,
+// all into one file: in time order, each request before its response, each
+// channel's packets on its own interface, byte for byte.
+TEST_F(CaptureTest, SendersAndConnectionsShareOneFileInTimeOrderEachOnItsInterface) {
+    constexpr int kPerThread = 500, kSecondRequests = 20;
+    const char kSecond[] = "second";
+    core_stub second_core(kSecond);
+    event_recorder other;
     host::set_property(kCaptureProperty, capture);
     core->set_auto_respond(true);
-    const auto answered = [&] { return accel.responses().size() + gyro.responses().size(); };
+    second_core.set_auto_respond(true);
+    const auto answered = [&] {
+        return accel.responses().size() + gyro.responses().size() + other.responses().size();
+    };
     // Each request's write returns only once its answer has been read: the
     // reader records the response before the sender is back. (The stand-in
     // writes through the same hook: its packets are shorter.)
@@ -325,62 +329,44 @@ TEST_F(CaptureTest, TwoSendersAndTheReaderAreInTimeOrderAndEachRequestPrecedesIt
                              },
                              nullptr});
     ASSERT_NO_FATAL_FAILURE(connect());
-    ASSERT_EQ(0, register_sensor(kAccel, accel));
-    ASSERT_EQ(0, register_sensor(kGyro, gyro));
-    std::thread other([&] {
-        for (int i = 0; i < kPerThread; ++i) send(kGyro, kAttributeRequest);
-    });
-    for (int i = 0; i < kPerThread; ++i) send(kAccel, kAttributeRequest);
-    other.join();
-    ASSERT_TRUE(eventually([&] { return answered() == 2 * kPerThread; }));
-    conn.reset();
-
-    const tools::capture c = tools::read_capture(capture);
-    // read_capture sorts by time, stable: file order is time order when no frame moved.
-    for (size_t i = 0; i < c.records.size(); ++i)
-        ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
-    const auto requests = packets(c, kChannel, true), responses = packets(c, kChannel, false);
-    ASSERT_EQ(size_t(2 * kPerThread), requests.size());
-    ASSERT_EQ(requests.size(), responses.size());
-    // The core answers in order: the k-th response answers the k-th request.
-    for (size_t k = 0; k < requests.size(); ++k)
-        ASSERT_LT(requests[k]->frame, responses[k]->frame) << k;
-}
-
-TEST_F(CaptureTest, TwoConnectionsShareOneFileEachOnItsInterface) {
-    constexpr int kRequests = 20;
-    const char kSecond[] = "second";
-    core_stub second_core(kSecond);
-    host::set_property(kCaptureProperty, capture);
-    core->set_auto_respond(true);
-    second_core.set_auto_respond(true);
-    ASSERT_NO_FATAL_FAILURE(connect());
     std::unique_ptr<tav_interface> second(
         tav_interface::create(TAV_DUCTO_CONNECTION, tav_conn_config{kSecond}));
     ASSERT_TRUE(second_core.wait_connected(kWait));
     ASSERT_EQ(0, register_sensor(kAccel, accel));
-    ASSERT_EQ(0, second->register_cb(kGyro, gyro.response_callback(), nullptr, nullptr));
-    for (int i = 0; i < kRequests; ++i) {
+    ASSERT_EQ(0, register_sensor(kGyro, gyro));
+    ASSERT_EQ(0, second->register_cb(kGyro, other.response_callback(), nullptr, nullptr));
+    std::thread sender([&] {
+        for (int i = 0; i < kPerThread; ++i) send(kGyro, kAttributeRequest);
+    });
+    for (int i = 0; i < kPerThread; ++i) {
         send(kAccel, kAttributeRequest, i);
-        second->send_request(kGyro, true, request_payload(kGyro, kAttributeRequest), i);
+        if (i < kSecondRequests)
+            second->send_request(kGyro, true, request_payload(kGyro, kAttributeRequest), i);
     }
-    ASSERT_TRUE(eventually(
-        [&] { return accel.responses().size() + gyro.responses().size() == 2 * kRequests; }));
+    sender.join();
+    ASSERT_TRUE(eventually([&] { return answered() == 2 * kPerThread + kSecondRequests; }));
     conn.reset();  // the first one out leaves the file to the other
     second.reset();
 
     const tools::capture c = tools::read_capture(capture);
     EXPECT_EQ(2u, c.channel_interfaces);
     EXPECT_EQ(0u, c.dropped);
+    // read_capture sorts by time, stable: file order is time order when no frame moved.
+    for (size_t i = 0; i < c.records.size(); ++i)
+        ASSERT_EQ(i + 1, c.records[i].frame) << "record " << i;
     for (auto [stub, channel] :
          {std::pair<core_stub*, const char*>{core.get(), kChannel}, {&second_core, kSecond}}) {
         const auto sent = stub->take_requests();
-        const auto recorded = packets(c, channel, true);
-        ASSERT_EQ(sent.size(), recorded.size()) << channel;
-        for (size_t i = 0; i < sent.size(); ++i)
-            EXPECT_EQ(sent[i].raw, recorded[i]->bytes) << channel << " " << i;
-        EXPECT_EQ(size_t(kRequests), packets(c, channel, false).size()) << channel;
+        const auto requests = packets(c, channel, true), responses = packets(c, channel, false);
+        ASSERT_EQ(sent.size(), requests.size()) << channel;
+        ASSERT_EQ(sent.size(), responses.size()) << channel;
+        // The core answers in order: the k-th response answers the k-th request.
+        for (size_t k = 0; k < sent.size(); ++k) {
+            EXPECT_EQ(sent[k].raw, requests[k]->bytes) << channel << " " << k;
+            ASSERT_LT(requests[k]->frame, responses[k]->frame) << channel << " " << k;
+        }
     }
+    EXPECT_EQ(size_t(kSecondRequests), other.responses().size());
 }
 
 // How a child that captured ends: every record must be in the file.
@@ -445,24 +431,55 @@ TEST(CaptureEndTest, ExitAHangUpAndAKillAfterAQuietSecondLoseNothing) {
 TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     scoped_root root;
     const std::string path = root.host_path("/capture.pcapng");
-    constexpr uint64_t kLimit = 50 * 1024;
-    // 60 records of 500 bytes: less than a flush's 64 KiB, so each round is
-    // written whole by the writer's second.
+    // Rounds of 60 records of 500 bytes: less than a flush's 64 KiB, so each
+    // round is written whole by the writer's second. The file's size after
+    // the last round, before the capture ends.
     constexpr int kPerRound = 60;
-    {
-        auto capture = connection::channel_capture::open(path, "sensors", kLimit);
-        ASSERT_TRUE(capture);
+    const auto rounds = [&](const std::string& file, uint64_t limit, uint8_t count) {
+        auto capture = connection::channel_capture::open(file, "sensors", limit);
+        EXPECT_TRUE(capture);
         std::vector<uint8_t> packet(500);
-        for (uint8_t round = 0; round < 3; ++round) {
+        for (uint8_t round = 0; capture && round < count; ++round) {
             packet[0] = round;
             for (int i = 0; i < kPerRound; ++i) capture->inbound(packet.data(), packet.size());
-            ASSERT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+            EXPECT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
         }
-        EXPECT_EQ(uint64_t(3 * kPerRound), capture->get_status().records);
+        EXPECT_EQ(uint64_t(count * kPerRound), capture->get_status().records);
+        EXPECT_EQ(0u, capture->get_status().all_dropped);
+        struct stat st = {};
+        stat(file.c_str(), &st);
+        return uint64_t(st.st_size);
+    };
+    const std::string measured = root.host_path("/one-round.pcapng");
+    const uint64_t started_ns = uint64_t(android::elapsedRealtimeNano());
+    const uint64_t one_round = rounds(measured, UINT64_MAX, 1);
+    // The channel's interface block: link type 147, snap length 65539, its
+    // name (the device node) and nanosecond stamps (if_tsresol 9, one byte).
+    std::string bytes;
+    ASSERT_TRUE(android::base::ReadFileToString(measured, &bytes));
+    EXPECT_NE(std::string::npos,
+              bytes.find(std::string("\x93\x00\x00\x00\x03\x00\x01\x00\x02\x00\x16\x00"
+                                     "ductopkt_vorla_sensors\x00\x00"
+                                     "\x09\x00\x01\x00\x09\x00\x00\x00",
+                                     42)));
+    // Statistics of both interfaces close the file: 40 bytes each, stamped
+    // on the boot clock while the capture ended, no drops.
+    for (const char* head : {"\x05\0\0\0\x28\0\0\0\0\0\0\0", "\x05\0\0\0\x28\0\0\0\x01\0\0\0"}) {
+        const size_t isb = bytes.find(std::string(head, 12));
+        ASSERT_NE(std::string::npos, isb) << int(head[8]);
+        uint32_t stamp[2];
+        memcpy(stamp, &bytes[isb + 12], sizeof(stamp));
+        EXPECT_LE(uint64_t(stamp[0]) << 32 | stamp[1], uint64_t(android::elapsedRealtimeNano()));
+        EXPECT_GE(uint64_t(stamp[0]) << 32 | stamp[1], started_ns);
+        EXPECT_EQ(std::string("\x05\x00\x08\x00\0\0\0\0\0\0\0\0\0\0\0\0\x28\x00\x00\x00", 20),
+                  bytes.substr(isb + 20, 20));
     }
+    // The second round ends exactly at the limit: a record is an enhanced
+    // packet block of 28 + 500 + 16 bytes.
+    rounds(path, one_round + kPerRound * 544, 3);
     const tools::capture current = tools::read_capture(path);
     const tools::capture previous = tools::read_capture(path + ".1");
-    // The second round passed the limit: .1 holds rounds 0 and 1.
+    // The second round reached the limit: .1 holds rounds 0 and 1.
     ASSERT_EQ(size_t(kPerRound), current.records.size());
     ASSERT_EQ(size_t(2 * kPerRound), previous.records.size());
     EXPECT_EQ(2, current.records.front().bytes[0]);
@@ -482,6 +499,15 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     const tools::capture kept = tools::read_capture(path + ".1");
     ASSERT_EQ(size_t(kPerRound), kept.records.size());
     EXPECT_EQ(2, kept.records.back().bytes[0]);
+    // A lone record on a written-out ring wakes the writer.
+    {
+        auto capture = connection::channel_capture::open(root.host_path("/lone.pcapng"), "sensors");
+        ASSERT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+        capture->inbound(reinterpret_cast<const uint8_t*>("x"), 1);
+        EXPECT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+    }
+    // The reused file was emptied first: it starts with its section header.
+    EXPECT_EQ(std::string("\x0a\x0d\x0d\x0a", 4), root.read_file("/capture.pcapng").substr(0, 4));
 }
 
 }  // namespace

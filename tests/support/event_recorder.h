@@ -49,6 +49,12 @@ class event_recorder {
         std::lock_guard<std::mutex> lock(_mutex);
         return _events;
     }
+    std::vector<std::string> payloads() const {
+        std::lock_guard<std::mutex> lock(_mutex);
+        std::vector<std::string> out;
+        for (const event& e : _events) out.push_back(e.payload);
+        return out;
+    }
     std::vector<response> responses() const {
         std::lock_guard<std::mutex> lock(_mutex);
         return _responses;
