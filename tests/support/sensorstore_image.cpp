@@ -1,8 +1,5 @@
 #include "sensorstore_image.h"
 
-#include <cstring>
-#include <stdexcept>
-
 namespace kivhal {
 namespace test {
 
@@ -27,7 +24,6 @@ void write_partition(const scoped_root& root, const ::sensorstore_image& partiti
 }
 
 std::vector<uint8_t> make_stored_packet(uint16_t msg_id, uint16_t pkt_len) {
-    if (pkt_len < 6) throw std::invalid_argument("a packet holds at least its 6-byte head");
     std::vector<uint8_t> packet(pkt_len);
     for (size_t i = 6; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i);
     packet[0] = static_cast<uint8_t>(msg_id);
@@ -36,14 +32,6 @@ std::vector<uint8_t> make_stored_packet(uint16_t msg_id, uint16_t pkt_len) {
     packet[4] = static_cast<uint8_t>(pkt_len);
     packet[5] = static_cast<uint8_t>(pkt_len >> 8);
     return packet;
-}
-
-sns_sensorstore_hdr read_sensorstore_header(const scoped_root& root) {
-    const std::string bytes = root.read_file(kSensorStorePartition);
-    if (bytes.size() < 8) throw std::runtime_error("partition shorter than its header");
-    sns_sensorstore_hdr header;
-    memcpy(&header, bytes.data(), sizeof(header));
-    return header;
 }
 
 }  // namespace test

@@ -1,7 +1,6 @@
 #pragma once
 
-// The library's partition images, written under a test root, and what tests
-// read back from the partition.
+// The library's partition images, written under a test root.
 
 #include <cstdint>
 #include <string>
@@ -24,12 +23,9 @@ class sensorstore_image : public ::sensorstore_image {
 // when that is larger.
 void write_partition(const scoped_root& root, const ::sensorstore_image& image, size_t size = 0);
 
-// A channel packet of `pkt_len` bytes with the given id; the body is filled
+// A channel packet of `pkt_len` (at least 6) bytes with the given id; the body is filled
 // with a running byte pattern.
 std::vector<uint8_t> make_stored_packet(uint16_t msg_id, uint16_t pkt_len);
-
-// The partition's header as it is on disk under `root`.
-sns_sensorstore_hdr read_sensorstore_header(const scoped_root& root);
 
 constexpr const char* kSensorStorePartition = SNS_SENSORSTORE_PARTITION;
 
