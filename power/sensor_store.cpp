@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdlib>
 #include <cstring>
 
 #include "kiv_feature_flags.h"

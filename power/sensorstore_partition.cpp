@@ -13,10 +13,6 @@ T load_le(const uint8_t* at) {
     memcpy(&value, at, sizeof(value));
     return value;
 }
-
-void store_le32(uint8_t* at, uint32_t value) {
-    memcpy(at, &value, sizeof(value));
-}
 }  // namespace
 
 uint32_t sensorstore_channel_hash(const char* name, uint8_t len) {
@@ -104,8 +100,8 @@ sensorstore_walk walk_sensorstore(const uint8_t* area, size_t readable, uint32_t
 
 sensorstore_image& sensorstore_image::add_record(uint32_t channel_hash,
                                                  const std::vector<uint8_t>& packet) {
-    _bytes.resize(_bytes.size() + SNS_SENSORSTORE_RECORD_HASH_LEN);
-    store_le32(_bytes.data() + _bytes.size() - SNS_SENSORSTORE_RECORD_HASH_LEN, channel_hash);
+    const uint8_t* hash = reinterpret_cast<const uint8_t*>(&channel_hash);
+    _bytes.insert(_bytes.end(), hash, hash + sizeof(channel_hash));
     return add_raw(packet);
 }
 
@@ -114,20 +110,9 @@ sensorstore_image& sensorstore_image::add_raw(const std::vector<uint8_t>& bytes)
     return *this;
 }
 
-sensorstore_image& sensorstore_image::set_data_len(uint32_t data_len) {
-    store_le32(_bytes.data() + offsetof(sns_sensorstore_hdr, data_len), data_len);
-    _data_len_set = true;
-    return *this;
-}
-
-sensorstore_image& sensorstore_image::set_reset_data_len(uint32_t reset_data_len) {
-    store_le32(_bytes.data() + offsetof(sns_sensorstore_hdr, reset_data_len), reset_data_len);
-    return *this;
-}
-
 std::vector<uint8_t> sensorstore_image::bytes() const {
     std::vector<uint8_t> image = _bytes;
-    if (!_data_len_set)
-        store_le32(image.data() + offsetof(sns_sensorstore_hdr, data_len), area_len());
+    const sns_sensorstore_hdr header = {_data_len.value_or(area_len()), _reset};
+    memcpy(image.data(), &header, sizeof(header));
     return image;
 }

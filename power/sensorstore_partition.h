@@ -8,8 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 constexpr char SNS_SENSORSTORE_PARTITION[] = "/dev/block/bootdevice/by-name/sensorstore";
@@ -106,16 +106,13 @@ void copy_sensorstore_packet(const sensorstore_record& record, uint8_t* out, siz
 // the record carries the walk's channel hash.
 class sensorstore_record_sink {
   public:
-    template <typename F,
-              typename = std::enable_if_t<!std::is_same_v<std::decay_t<F>, sensorstore_record_sink>>>
+    template <typename F>
     sensorstore_record_sink(F&& f)  // NOLINT(google-explicit-constructor): passed as a lambda
         : _target(const_cast<void*>(static_cast<const void*>(&f))),
           _call([](void* target, const sensorstore_record& record, bool own) {
               (*static_cast<std::remove_reference_t<F>*>(target))(record, own);
           }) {}
-    void operator()(const sensorstore_record& record, bool own) const {
-        _call(_target, record, own);
-    }
+    void operator()(const sensorstore_record& r, bool own) const { _call(_target, r, own); }
 
   private:
     void* _target;
@@ -140,20 +137,24 @@ sensorstore_walk walk_sensorstore(const uint8_t* area, size_t readable, uint32_t
                                   uint32_t channel_hash, sensorstore_record_sink sink);
 
 // Builds partition images for the tools that stand in for the core, and for
-// tests: the header, whose data_len covers all that is appended unless set,
-// then the records. Throws std::bad_alloc only.
+// tests: the header (data_len covers all that is appended unless set), then
+// the records. Throws std::bad_alloc only.
 class sensorstore_image {
   public:
+    explicit sensorstore_image(uint32_t reset_data_len = 0) : _reset(reset_data_len) {}
     sensorstore_image& add_record(uint32_t channel_hash, const std::vector<uint8_t>& packet);
     // Bytes as they are, to make malformed areas.
     sensorstore_image& add_raw(const std::vector<uint8_t>& bytes);
-    sensorstore_image& set_data_len(uint32_t data_len);
-    sensorstore_image& set_reset_data_len(uint32_t reset_data_len);
+    sensorstore_image& set_data_len(uint32_t data_len) {
+        _data_len = data_len;
+        return *this;
+    }
     // Header plus records: the area a write-info message reports.
     uint32_t area_len() const { return static_cast<uint32_t>(_bytes.size()); }
     std::vector<uint8_t> bytes() const;
 
   private:
     std::vector<uint8_t> _bytes = std::vector<uint8_t>(SNS_SENSORSTORE_HDR_LEN);
-    bool _data_len_set = false;
+    std::optional<uint32_t> _data_len;
+    uint32_t _reset;
 };

@@ -113,7 +113,7 @@ class sensor_store_test : public connection_test {
 
 // Header bytes 4-5 are what a channel read would take for a packet length.
 TEST_F(sensor_store_test, WithoutDataOrOnDeviceAnalysisThePartitionIsLeftAloneFailuresAreThrown) {
-    write_partition(root, image().add_raw(bytes(100, 0)).set_reset_data_len(300));
+    write_partition(root, image(300).add_raw(bytes(100, 0)));
     process(500, 500);
     process(0, 0);
     EXPECT_THAT(

@@ -61,7 +61,7 @@ TEST_F(SensorStoreDumpTest, EmptyAndCorruptImagesAreReportedWithoutCrashing) {
     } cases[] = {
         // A freshly reset header, before and after the connection's mark: an empty store.
         {text_of(image().set_data_len(0)), kEmpty, 0},
-        {text_of(image().set_data_len(0).set_reset_data_len(1)), kEmpty, 0},
+        {text_of(image(1).set_data_len(0)), kEmpty, 0},
         {text_of(image().set_data_len(7)), "data_len 7 is smaller than the header"},
         {std::string("\x10\x00\x00", 3), "less than the 8-byte header"},
         {text_of(image(twelve).set_data_len(5000)), "runs past the end of the image"},

@@ -129,9 +129,7 @@ void write_sensorstore(const std::string& path, const std::vector<uint8_t>& imag
 void prepare_partition(const std::string& path) {
     std::error_code error;
     if (std::filesystem::exists(path, error)) return;
-    write_sensorstore(
-        path,
-        sensorstore_image().set_data_len(0).set_reset_data_len(SNS_SENSORSTORE_RESET_DONE).bytes());
+    write_sensorstore(path, sensorstore_image(SNS_SENSORSTORE_RESET_DONE).set_data_len(0).bytes());
 }
 
 // Lengths come last: a changed name is a better answer than the length it
