@@ -19,9 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using bytes = std::vector<uint8_t>;
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::StartsWith;
 
 using image = ::sensorstore_image;
 constexpr uint32_t kOwnHash = 7030;      // "sensors"
@@ -116,10 +113,9 @@ TEST_F(sensor_store_test, WithoutDataOrOnDeviceAnalysisThePartitionIsLeftAloneFa
     write_partition(root, image(300).add_raw(bytes(100, 0)));
     process(500, 500);
     process(0, 0);
-    EXPECT_THAT(
-        [&] { process(108, 0, 5); },
-        ThrowsMessage<ducto_error>(AllOf(
-            StartsWith("TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : "), EndsWith(" (5)"))));
+    EXPECT_THAT([&] { process(108, 0, 5); },
+                ThrowsMessage<ducto_error>(::testing::MatchesRegex(
+                    "TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : .* \\(5\\)")));
     host::set_property("persist.vendor.kiv.ds_oda", "false");
     sns_aon_client_low_pwr_state_ind_msg_v01 msg = {SNS_LOW_POWER_WRITE_INFO, 0, {108, 8, 0}};
     ducto()->tav_handle_low_power_state_msg(&msg);

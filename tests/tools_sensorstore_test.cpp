@@ -52,7 +52,6 @@ TEST_F(SensorStoreDumpTest, ListsEveryRecordAndMarksTheChannelsOwn) {
 }
 
 TEST_F(SensorStoreDumpTest, EmptyAndCorruptImagesAreReportedWithoutCrashing) {
-    const char* kEmpty = "walk: 0 records, the store is empty";
     const image twelve = image().add_record(kOwn, make_stored_packet(0x22, 12));
     const struct {
         std::string contents;
@@ -60,8 +59,8 @@ TEST_F(SensorStoreDumpTest, EmptyAndCorruptImagesAreReportedWithoutCrashing) {
         int exit_code = 1;
     } cases[] = {
         // A freshly reset header, before and after the connection's mark: an empty store.
-        {text_of(image().set_data_len(0)), kEmpty, 0},
-        {text_of(image(1).set_data_len(0)), kEmpty, 0},
+        {text_of(image().set_data_len(0)), "walk: 0 records, the store is empty", 0},
+        {text_of(image(1).set_data_len(0)), "walk: 0 records, the store is empty", 0},
         {text_of(image().set_data_len(7)), "data_len 7 is smaller than the header"},
         {std::string("\x10\x00\x00", 3), "less than the 8-byte header"},
         {text_of(image(twelve).set_data_len(5000)), "runs past the end of the image"},

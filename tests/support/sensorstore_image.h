@@ -2,7 +2,6 @@
 
 // The library's partition images, written under a test root.
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
