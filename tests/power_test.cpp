@@ -126,6 +126,8 @@ TEST_F(sensor_store_test, WithoutDataOrOnDeviceAnalysisThePartitionIsLeftAloneFa
     ducto()->tav_update_sensorstore_header_reset_field(7);
     EXPECT_EQ(108u, header().data_len);
     EXPECT_EQ(7u, header().reset_data_len);
+    host::set_channel_hooks({nullptr, failing(host::real_read_node, EPERM, 1), nullptr, nullptr});
+    EXPECT_THROW(ducto()->tav_update_sensorstore_header_reset_field(1), ducto_error);
 
     // One byte shorter than its header: neither pass reads, maps or writes it.
     root.write_file(kSensorStorePartition, "abcdefg");
