@@ -1,62 +1,60 @@
-// Feeds a low-power-state message (normally a write-info record) and an
-// arbitrary sensorstore partition image to the connection, with the sensor
-// store switched on: the image is walked and this channel's stored reports are
-// replayed to the registered sensors.
+// Walks an arbitrary sensorstore partition image as a write-info pass would,
+// without a connection: the image is what is mapped, the message's count
+// bounds what may be read. Every record handed out must follow the previous
+// one and lie inside the readable bytes.
 //
-// Input: the 10-byte message body, then the partition image.
+// Input: the 10-byte low-power-state message body, then the partition image.
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "fuzz_support.h"
-#include "kivhal/host.h"
 #include "sensorstore_partition.h"
+#include "sns_ducto_packet.h"
 
 namespace {
 
 constexpr size_t kMessageLen = sizeof(sns_aon_client_low_pwr_state_ind_msg_v01);
-// Sensors the replayed reports may name (the seeds use these).
-constexpr sensor_uid kSensors[] = {{0x1111, 0xa1}, {0x2222, 0xb2}, {0, 0}};
-
-void register_sensors(tav_ducto& conn) {
-    for (const sensor_uid& suid : kSensors) {
-        conn.register_cb(suid, nullptr, nullptr, [](const uint8_t* data, uint32_t length, uint64_t) {
-            // A delivered payload must lie within the packet it came in.
-            if (data == nullptr || length == 0 || length > SNS_DUCTO_IND_MAX_PAYLOAD_LEN) abort();
-            volatile uint8_t sink = data[0] ^ data[length - 1];
-            (void)sink;
-        });
-    }
-}
+constexpr char kChannel[] = "sensors";
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kivhal::fuzz::set_log_level_from_environment();
-    kivhal::host::set_property("persist.vendor.kiv.ds", "true");
-    kivhal::host::set_property("persist.vendor.kiv.ds_oda", "true");
-    // The connection resets the partition's header when it starts.
-    const sns_sensorstore_hdr empty = {};
-    kivhal::fuzz::write_device_file(SNS_SENSORSTORE_PARTITION,
-                                    reinterpret_cast<const uint8_t*>(&empty), sizeof(empty));
-    register_sensors(kivhal::fuzz::channel_pair::instance().connection());
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < kMessageLen) return -1;
+    if (size < kMessageLen + SNS_SENSORSTORE_HDR_LEN) return -1;
     sns_aon_client_low_pwr_state_ind_msg_v01 message;
     memcpy(&message, data, kMessageLen);
-    kivhal::fuzz::write_device_file(SNS_SENSORSTORE_PARTITION, data + kMessageLen,
-                                    size - kMessageLen);
+    const auto& info = message.write_info;
+    if (info.total_byte_count <= info.shmem_byte_count || info.write_info_error != 0) return 0;
 
-    tav_ducto& conn = kivhal::fuzz::channel_pair::instance().connection();
-    try {
-        conn.tav_handle_low_power_state_msg(&message);
-    } catch (const ducto_error&) {
-        // A write-info error from the core, a partition that cannot be
-        // opened or mapped: thrown to the reader thread by design.
-    }
+    const uint8_t* area = data + kMessageLen;
+    const uint64_t wanted =
+        uint64_t{info.total_byte_count} - info.shmem_byte_count + SNS_SENSORSTORE_HDR_LEN;
+    const size_t readable = static_cast<size_t>(std::min<uint64_t>(wanted, size - kMessageLen));
+    sns_sensorstore_hdr header;
+    memcpy(&header, area, sizeof(header));
+
+    static sns_ducto_packet packet;
+    uint64_t next = SNS_SENSORSTORE_HDR_LEN;
+    const sensorstore_walk walk = walk_sensorstore(
+        area, readable, header.data_len, sensorstore_channel_hash(kChannel, sizeof(kChannel) - 1),
+        [&](const sensorstore_record& record, bool own) {
+            const size_t at = static_cast<size_t>(record.packet - area);
+            if (at != next + SNS_SENSORSTORE_RECORD_HASH_LEN || at + record.pkt_len > readable ||
+                record.packet_readable != readable - at) {
+                abort();
+            }
+            next = at + record.pkt_len;
+            if (own) {
+                copy_sensorstore_packet(record, reinterpret_cast<uint8_t*>(&packet), sizeof(packet));
+            }
+        });
+    if (walk.end != next) abort();
     kivhal::fuzz::end_input();
     return 0;
 }

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdlib>
 #include <cstring>
 
 #include "kiv_feature_flags.h"
@@ -107,55 +106,43 @@ void tav_ducto::tav_process_low_power_sensor_store_write_info(
         ducto_get_channel_hash(_channel_name.c_str(), static_cast<uint8_t>(_channel_name.size()));
     KIV_LOGD("TAV_SENSORSTORE channel_hash = %d", channel_hash);
 
-    uint32_t trvsd = SNS_SENSORSTORE_HDR_LEN;
-    do {
-        sensorstore_record record;
-        const sensorstore_record_status status =
-            read_sensorstore_record(mapping.data(), readable, trvsd, &record);
-        if (status == sensorstore_record_status::head_out_of_bounds) {
-            KIV_LOGE(
-                "TAV_SENSORSTORE record at emmc_trvsd_len(%d) lies past the %zu readable bytes",
-                trvsd, readable);
-            break;
-        }
-        if (status == sensorstore_record_status::packet_too_short) {
-            KIV_LOGE(
-                "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) is shorter than a packet "
-                "head",
-                record.pkt_len, trvsd);
-            break;
-        }
-        if (status == sensorstore_record_status::packet_out_of_bounds) {
-            KIV_LOGE(
-                "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) runs past the %zu readable "
-                "bytes",
-                record.pkt_len, trvsd, readable);
-            break;
-        }
-
-        if (_capture) {
-            _capture->sensorstore_record(record.packet - SNS_SENSORSTORE_RECORD_HASH_LEN,
-                                         SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len);
-        }
-        if (record.channel_hash == channel_hash) {
-            KIV_LOGD("TAV_SENSORSTORE parsing lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
-                     record.channel_hash, record.pkt_len);
-            if (record.msg_id == SNS_AON_CLIENT_JUMBO_REPORT_IND_V01) {
-                sns_ducto_packet packet;
-                copy_sensorstore_packet(record, &packet);
-                ducto_indication_handler(SNS_AON_CLIENT_JUMBO_REPORT_IND_V01, packet);
-            } else {
-                KIV_LOGE("TAV_SENSORSTORE UNEXPECTED_MSG_ID(%d)", record.msg_id);
+    const kiv_log_op op = KIV_LOG_OP;
+    const sensorstore_walk walk = walk_sensorstore(
+        mapping.data(), readable, data_len, channel_hash,
+        [this, op](const sensorstore_record& record, bool own) {
+            if (_capture) {
+                _capture->sensorstore_record(record.packet - SNS_SENSORSTORE_RECORD_HASH_LEN,
+                                             SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len);
             }
-        } else {
-            KIV_LOGD("TAV_SENSORSTORE skipping lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
-                     record.channel_hash, record.pkt_len);
-        }
-
-        if (__builtin_add_overflow(trvsd, SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len, &trvsd)) {
-            abort();
-        }
-    } while (trvsd < data_len);
+            if (!own) {
+                KIV_LOGD_FOR(op, "TAV_SENSORSTORE skipping lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
+                             record.channel_hash, record.pkt_len);
+                return;
+            }
+            KIV_LOGD_FOR(op, "TAV_SENSORSTORE parsing lps_pkt_channel_hash(%d) lps_pkt_len(%d)",
+                         record.channel_hash, record.pkt_len);
+            if (record.msg_id != SNS_AON_CLIENT_JUMBO_REPORT_IND_V01) {
+                KIV_LOGE_FOR(op, "TAV_SENSORSTORE UNEXPECTED_MSG_ID(%d)", record.msg_id);
+                return;
+            }
+            sns_ducto_packet packet;
+            copy_sensorstore_packet(record, reinterpret_cast<uint8_t*>(&packet), sizeof(packet));
+            ducto_indication_handler(SNS_AON_CLIENT_JUMBO_REPORT_IND_V01, packet);
+        });
+    const uint32_t trvsd = walk.end;
+    if (walk.status == sensorstore_record_status::head_out_of_bounds) {
+        KIV_LOGE("TAV_SENSORSTORE record at emmc_trvsd_len(%d) lies past the %zu readable bytes",
+                 trvsd, readable);
+    } else if (walk.status == sensorstore_record_status::packet_too_short) {
+        KIV_LOGE(
+            "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) is shorter than a packet head",
+            walk.last.pkt_len, trvsd);
+    } else if (walk.status == sensorstore_record_status::packet_out_of_bounds) {
+        KIV_LOGE(
+            "TAV_SENSORSTORE lps_pkt_len(%d) at emmc_trvsd_len(%d) runs past the %zu readable "
+            "bytes",
+            walk.last.pkt_len, trvsd, readable);
+    }
 
     if (trvsd == data_len) {
         KIV_LOGD("TAV_SENSORSTORE eMMC data parsing successfull, emmc_trvsd_len(%d)", trvsd);

@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <map>
 
@@ -20,16 +19,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using bytes = std::vector<uint8_t>;
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::StartsWith;
 
-const uint32_t kOwnHash = sensorstore_image::channel_hash(kChannel);
-const uint32_t kForeignHash = sensorstore_image::channel_hash("other");
+using image = ::sensorstore_image;
+constexpr uint32_t kOwnHash = 7030;      // "sensors"
+constexpr uint32_t kForeignHash = 5743;  // "other"
 
-std::string n(uint32_t value) {
-    return std::to_string(value);
-}
 // One encoded event per sample (events carry the time they were made), so a
 // replayed copy compares equal to it.
 const std::string& stored_event(const std::string& sample) {
@@ -43,13 +37,56 @@ bytes jumbo(const std::string& sample) {
     return core_stub::make_report(stored_event(sample), true);
 }
 
-// The core's example: 108 bytes, header included, with a record of another
-// channel before one of ours.
-sensorstore_image example_image() {
-    const uint16_t foreign_len = static_cast<uint16_t>(108 - 8 - 4 - jumbo("sample").size() - 4);
-    return sensorstore_image()
-        .add_record(kForeignHash, make_stored_packet(0x22, foreign_len))
-        .add_record(kOwnHash, jumbo("sample"));
+// The walk alone: which records reach the sink (offset, + for this channel's),
+// where it ends and why.
+TEST(sensorstore_walk, HandsOutWholeRecordsInOrderStopsAtTheFirstThatIsNotAndCopiesPackets) {
+    const bytes three = image()
+                            .add_record(kOwnHash, make_stored_packet(0x22, 40))
+                            .add_record(kForeignHash, make_stored_packet(0x21, 20))
+                            .add_record(kOwnHash, make_stored_packet(0x22, 10))
+                            .bytes();
+    using status = sensorstore_record_status;
+    const struct {
+        bytes area;
+        size_t readable;  // 0: all of it
+        uint32_t data_len;
+        std::string seen;
+        uint32_t end;
+        status why;
+    } cases[] = {
+        {three, 0, 90, "8+ 52- 76+ ", 90, status::ok},
+        {three, 0, 60, "8+ 52- ", 76, status::ok},  // passes a short data_len once
+        {three, 0, 8, "8+ ", 52, status::ok},       // a record even behind data_len 8
+        {three, 89, 90, "8+ 52- ", 76, status::packet_out_of_bounds},
+        {three, 62, 90, "8+ ", 52, status::packet_out_of_bounds},
+        {three, 61, 90, "8+ ", 52, status::head_out_of_bounds},
+        {image().add_raw({0xf6, 0x1b, 0, 0, 0x22, 0, 0, 0, 5, 0}).bytes(), 0, 18, "", 8,
+         status::packet_too_short},
+    };
+    for (const auto& c : cases) {
+        std::string seen;
+        const sensorstore_walk walk = walk_sensorstore(
+            c.area.data(), c.readable ? c.readable : c.area.size(), c.data_len, kOwnHash,
+            [&](const sensorstore_record& record, bool own) {
+                seen += std::to_string(static_cast<uint32_t>(record.packet - c.area.data() - 4)) +
+                        (own ? "+ " : "- ");
+            });
+        EXPECT_EQ(c.seen, seen) << c.seen;
+        EXPECT_EQ(c.end, walk.end) << c.seen;
+        EXPECT_EQ(c.why, walk.status) << c.seen;
+    }
+
+    // A packet copy takes what is readable, up to a whole packet, and zeroes the rest.
+    sensorstore_record record;
+    ASSERT_EQ(status::ok, read_sensorstore_record(three.data(), 52, 8, &record));
+    bytes packet(SNS_DUCTO_PACKET_LEN, 0xee);
+    copy_sensorstore_packet(record, packet.data(), packet.size());
+    EXPECT_EQ(bytes(three.begin() + 12, three.begin() + 52),
+              bytes(packet.begin(), packet.begin() + 40));
+    EXPECT_EQ(bytes(packet.size() - 40, 0), bytes(packet.begin() + 40, packet.end()));
+    const bytes large(SNS_DUCTO_PACKET_LEN + 64, 0x5a);
+    copy_sensorstore_packet({0, 0, 0, large.data(), large.size()}, packet.data(), packet.size());
+    EXPECT_EQ(bytes(packet.size(), 0x5a), packet);
 }
 
 class sensor_store_test : public connection_test {
@@ -64,24 +101,33 @@ class sensor_store_test : public connection_test {
         sns_aon_client_low_pwr_state_write_info info = {total, shmem, error};
         ducto()->tav_process_low_power_sensor_store_write_info(&info);
     }
-    sensorstore_header header() { return read_sensorstore_header(root); }
-    std::vector<std::string> replayed() {
-        std::vector<std::string> payloads;
-        for (const auto& event : accel.events()) payloads.push_back(event.payload);
-        return payloads;
+    sns_sensorstore_hdr header() {
+        sns_sensorstore_hdr header;
+        memcpy(&header, root.read_file(kSensorStorePartition).c_str(), sizeof(header));
+        return header;
     }
 };
 
-TEST_F(sensor_store_test,
-       NothingStoredOrAWriteErrorLeavesThePartitionAloneAndPartitionFailuresAreThrown) {
-    example_image().write(root);  // after the connect-time reset
+// Header bytes 4-5 are what a channel read would take for a packet length.
+TEST_F(sensor_store_test, WithoutDataOrOnDeviceAnalysisThePartitionIsLeftAloneFailuresAreThrown) {
+    write_partition(root, image(300).add_raw(bytes(100, 0)));
     process(500, 500);
     process(0, 0);
-    EXPECT_THAT(
-        [&] { process(108, 0, 5); },
-        ThrowsMessage<ducto_error>(AllOf(
-            StartsWith("TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : "), EndsWith(" (5)"))));
-    EXPECT_EQ(0u, header().reset_data_len);
+    EXPECT_THAT([&] { process(108, 0, 5); },
+                ThrowsMessage<ducto_error>(::testing::MatchesRegex(
+                    "TAV_DUCTO_ERROR TAV_SENSORSTORE WRITE_INFO_ERROR : .* \\(5\\)")));
+    host::set_property("persist.vendor.kiv.ds_oda", "false");
+    sns_aon_client_low_pwr_state_ind_msg_v01 msg = {SNS_LOW_POWER_WRITE_INFO, 0, {108, 8, 0}};
+    ducto()->tav_handle_low_power_state_msg(&msg);
+    ducto()->tav_update_sensorstore_header_reset_field(1);
+    EXPECT_EQ(300u, header().reset_data_len);
+    EXPECT_TRUE(accel.events().empty());
+    host::set_property("persist.vendor.kiv.ds_oda", "true");
+    ducto()->tav_update_sensorstore_header_reset_field(7);
+    EXPECT_EQ(108u, header().data_len);
+    EXPECT_EQ(7u, header().reset_data_len);
+    host::set_channel_hooks({nullptr, failing(host::real_read_node, EPERM, 1), nullptr, nullptr});
+    EXPECT_THROW(ducto()->tav_update_sensorstore_header_reset_field(1), ducto_error);
 
     // One byte shorter than its header: neither pass reads, maps or writes it.
     root.write_file(kSensorStorePartition, "abcdefg");
@@ -89,99 +135,75 @@ TEST_F(sensor_store_test,
     EXPECT_THROW(ducto()->tav_update_sensorstore_header_reset_field(1), ducto_error);
     EXPECT_EQ("abcdefg", root.read_file(kSensorStorePartition));
 
-    unlink(root.host_path(kSensorStorePartition).c_str());
+    host::set_channel_hooks({failing(host::real_open_node, EPERM), nullptr, nullptr, nullptr});
+    EXPECT_THAT([&] { process(100, 0); },
+                ThrowsMessage<ducto_error>(HasSubstr("TAV_SENSORSTORE open failed : ")));
     EXPECT_THAT(
         [&] { ducto()->tav_update_sensorstore_header_reset_field(1); },
         ThrowsMessage<ducto_error>(HasSubstr("TAV_DUCTO_ERROR TAV_SENSORSTORE open failure")));
 }
 
-TEST_F(sensor_store_test, ConnectResetsTheHeaderAndTheExampleIsReplayedOnThisThreadAndReset) {
+// Live, stored (this channel's jumbo reports only), live: one callback, in
+// order, on the reader thread; the pass ends with the header reset.
+TEST_F(sensor_store_test, ConnectResetsTheHeaderAndStoredReportsOfThisChannelAreReplayed) {
     EXPECT_EQ(8u, header().data_len);
     EXPECT_EQ(1u, header().reset_data_len);
-    ASSERT_EQ(108u, example_image().area_len());
-    example_image().write(root);
-    process(100, 0);  // the message counts the stored bytes without the header
-
-    EXPECT_EQ(std::vector<std::string>{stored_event("sample")}, replayed());
-    EXPECT_GT(accel.events()[0].timestamp, 0u);
-    EXPECT_EQ(108u, header().data_len);
-    EXPECT_EQ(1u, header().reset_data_len);
-    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull, emmc_trvsd_len(108)"));
-    EXPECT_FALSE(log_contains("TAV_SENSORSTORE", ANDROID_LOG_ERROR));
+    ASSERT_TRUE(core->send_packet(jumbo("live")));
+    ASSERT_TRUE(accel.wait_for(1));
+    const image stored =
+        image()
+            .add_record(kOwnHash, core_stub::make_report(stored_event("plain"), false))
+            .add_record(kForeignHash, jumbo("other channel"))
+            .add_record(kOwnHash, jumbo("first"))
+            .add_record(kOwnHash, jumbo("second"));
+    write_partition(root, stored);
+    // The message counts the stored bytes without the header.
+    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
+                                                                  stored.area_len() - 8 + 64, 64)));
+    ASSERT_TRUE(eventually([&] { return header().reset_data_len == 1u; }));
+    std::vector<std::string> replayed;
+    for (const auto& event : accel.events()) replayed.push_back(event.payload);
+    EXPECT_EQ((std::vector<std::string>{stored_event("live"), stored_event("first"),
+                                        stored_event("second")}),
+              replayed);
+    EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE eMMC data parsing successfull, emmc_trvsd_len(" +
+                             std::to_string(stored.area_len()) + ")"));
+    // The plain report is the one error.
+    EXPECT_EQ(1u, log_lines_containing("TAV_SENSORSTORE", ANDROID_LOG_ERROR).size());
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR));
+    // Replayed under their own id: the handler's only trace of it.
+    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int msg_id 34 ", ANDROID_LOG_VERBOSE).size());
 }
 
-// Headers that disagree with the message, and corrupt partitions: the walk
-// stays inside what is mapped, replays what lies before the damage and ends
-// with an error line naming it.
+// Headers that disagree with the message, and corrupt partitions: the pass
+// stays inside what is mapped, names the damage and still resets the header.
 TEST_F(sensor_store_test, CorruptPartitionsAreWalkedInsideTheMappingAndEndWithAnErrorLine) {
-    const bytes record = jumbo("sample");
-    const uint32_t one = static_cast<uint32_t>(8 + 4 + record.size());  // header and one record
-    bytes too_long = record;
-    too_long[4] = 0x88;  // 5000
-    too_long[5] = 0x13;
-    const sensorstore_image foreign = sensorstore_image()
-                                          .add_record(kForeignHash, make_stored_packet(0x22, 40))
-                                          .add_record(kForeignHash, make_stored_packet(0x22, 56));
-    const uint32_t area = foreign.area_len();
+    const image one = image().add_record(kForeignHash, make_stored_packet(0x22, 40));  // 52 bytes
     const struct {
-        sensorstore_image image;
+        image partition;
         size_t file_size;  // 0: as long as the image
         uint32_t total;    // the message's count; nothing in shared memory
-        std::string reason;
-        size_t replayed;
+        const char* reason;
     } cases[] = {
-        {sensorstore_image().add_record(kOwnHash, record), one + 20, one - 8 + 20,
-         "data is missing emmc_byte_count(" + n(one) + ") write_info_byte_count(" + n(one + 20) +
-             ")",
-         1},
-        {sensorstore_image().add_record(kOwnHash, record).add_record(kOwnHash, record), 0, one - 8,
-         "record at emmc_trvsd_len(" + n(one) + ") lies past the " + n(one) + " readable bytes", 1},
-        {sensorstore_image(foreign).set_data_len(area - 2), 0, area - 8,
-         "parsing FAILED, emmc_byte_count(" + n(area - 2) + "), emmc_trvsd_len(" + n(area) + ")", 0},
-        {sensorstore_image().add_record(kOwnHash, too_long), 0, one - 8,
-         "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the", 0},
-        {sensorstore_image()
-             .add_record(kOwnHash, record)
-             .add_raw(bytes(40, 0))
-             .set_data_len(0xfffffff0u),
-         0, one + 40 - 8,
-         "lps_pkt_len(0) at emmc_trvsd_len(" + n(one) + ") is shorter than a packet head", 1},
-        {sensorstore_image().add_record(kOwnHash, record).set_data_len(one + 4096), 0,
-         one - 8 + 4096,
-         "partition size(" + n(one) + ") is smaller than write_info_byte_count(" + n(one + 4096) +
-             ")",
-         1},
+        {one, 72, 64, "data is missing emmc_byte_count(52) write_info_byte_count(72)"},
+        {image(one).add_record(0, make_stored_packet(0x22, 40)), 0, 44,
+         "record at emmc_trvsd_len(52) lies past the 52 readable bytes"},
+        {image(one).set_data_len(50), 0, 44,
+         "parsing FAILED, emmc_byte_count(50), emmc_trvsd_len(52)"},
+        {image().add_raw({0x76, 0x1b, 0, 0, 0x22, 0, 0, 0, 0x88, 0x13}), 0, 10,
+         "lps_pkt_len(5000) at emmc_trvsd_len(8) runs past the 18 readable bytes"},
+        {image(one).add_raw(bytes(40, 0)).set_data_len(0xfffffff0u), 0, 84,
+         "lps_pkt_len(0) at emmc_trvsd_len(52) is shorter than a packet head"},
+        {image(one).set_data_len(4148), 0, 4140,
+         "partition size(52) is smaller than write_info_byte_count(4148)"},
     };
     for (const auto& c : cases) {
-        const size_t before = accel.events().size();
-        c.image.write(root, c.file_size);
+        write_partition(root, c.partition, c.file_size);
         process(c.total, 0);
         EXPECT_TRUE(log_contains(c.reason, ANDROID_LOG_ERROR)) << c.reason;
-        const std::vector<std::string> all = replayed();
-        EXPECT_EQ(std::vector<std::string>(c.replayed, stored_event("sample")),
-                  std::vector<std::string>(all.begin() + before, all.end()))
-            << c.reason;
         EXPECT_EQ(1u, header().reset_data_len) << c.reason;
     }
-}
-
-TEST_F(sensor_store_test, HeaderResetAndWriteInfoNeedOnDeviceAnalysis) {
-    // Header bytes 4-5 are what a channel read would take for a packet length.
-    example_image().set_reset_data_len(300).write(root);
-    host::set_property("persist.vendor.kiv.ds_oda", "false");
-    sns_aon_client_low_pwr_state_ind_msg_v01 msg = {};
-    msg.lps_msg_id = SNS_LOW_POWER_WRITE_INFO;
-    msg.write_info.total_byte_count = 108;
-    msg.write_info.shmem_byte_count = 8;
-    ducto()->tav_handle_low_power_state_msg(&msg);
-    ducto()->tav_update_sensorstore_header_reset_field(1);
-    EXPECT_EQ(300u, header().reset_data_len);
-    EXPECT_TRUE(accel.events().empty());
-
-    host::set_property("persist.vendor.kiv.ds_oda", "true");
-    ducto()->tav_update_sensorstore_header_reset_field(7);
-    EXPECT_EQ(108u, header().data_len);
-    EXPECT_EQ(7u, header().reset_data_len);
 }
 
 uint8_t kData[8] = {'s', 'e', 'n', 's', 'o', 'r', 's', '!'};
@@ -196,21 +218,24 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-EAGAIN, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 9 * 50ms);  // nine pauses between ten tries
+    EXPECT_EQ(50000u, SNS_SENSORSTORE_WRITE_RETRY_US);
     EXPECT_EQ(10, writes->load());
 
     int calls = 0;
     host::channel_hooks hooks;
     hooks.write = [&calls](int fd, const void* buf, size_t len) -> ssize_t {
-        if (++calls > 2) return host::real_write_node(fd, buf, calls == 3 ? 3 : len);
+        if (fd == 0) return static_cast<ssize_t>(len);  // no descriptor is refused but negatives
+        if (++calls > 2) return host::real_write_node(fd, buf, calls == 3 ? 7 : len);
         errno = EBUSY;
         return -1;
     };
     host::set_channel_hooks(hooks);
     // The last write's result, not the total, is returned.
-    EXPECT_EQ(5, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
+    EXPECT_EQ(1, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
     std::string data(8, '\0');
     EXPECT_EQ(8, read(read_end.get(), &data[0], 8));
     EXPECT_EQ("sensors!", data);
+    EXPECT_EQ(8, ducto()->tav_sensorstore_write(0, kData, sizeof(kData)));
 
     writes->store(0);
     host::set_channel_hooks(
@@ -219,30 +244,6 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(-1, kData, sizeof(kData)));
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(fd, kData, 0));
     EXPECT_EQ(1, writes->load());
-}
-
-TEST_F(sensor_store_test, StoredJumboReportsOfThisChannelReachTheSameCallbackAsALiveOne) {
-    ASSERT_TRUE(core->send_packet(jumbo("live")));
-    ASSERT_TRUE(accel.wait_for(1));
-    const sensorstore_image image =
-        sensorstore_image()
-            .add_record(kOwnHash, core_stub::make_report(stored_event("plain"), false))
-            .add_record(kForeignHash, jumbo("other channel"))
-            .add_record(kOwnHash, jumbo("first"))
-            .add_record(kOwnHash, jumbo("second"));
-    image.write(root);
-    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(SNS_LOW_POWER_WRITE_INFO, 0,
-                                                                  image.area_len() - 8 + 64, 64)));
-    // The pass ends with the reset, after the replay.
-    ASSERT_TRUE(eventually([&] { return header().reset_data_len == 1u; }));
-    EXPECT_EQ((std::vector<std::string>{stored_event("live"), stored_event("first"),
-                                        stored_event("second")}),
-              replayed());
-    EXPECT_GE(accel.events()[1].timestamp, accel.events()[0].timestamp);
-    EXPECT_EQ(
-        1u, log_lines_containing("TAV_SENSORSTORE UNEXPECTED_MSG_ID(33)", ANDROID_LOG_ERROR).size());
-    // Replayed under their own id: the handler's only trace of it.
-    EXPECT_EQ(3u, log_lines_containing("TAV_DUCTO_int msg_id 34 ", ANDROID_LOG_VERBOSE).size());
 }
 
 // In a child under a 3 GiB address-space limit, as a 32-bit process has: a
@@ -255,7 +256,7 @@ int huge_write_info_in_child(uint32_t total) {
         root.write_file(file, "");
     host::set_property("persist.vendor.kiv.ds", "true");
     host::set_property("persist.vendor.kiv.ds_oda", "true");
-    sensorstore_image().add_record(kOwnHash, jumbo("stored")).write(root);
+    write_partition(root, image().add_record(kOwnHash, jumbo("stored")));
     core_stub core(kChannel);
     event_recorder accel;
     std::unique_ptr<tav_interface> conn(
@@ -284,25 +285,6 @@ TEST(sensor_store_limits, WriteInfoCountsBeyondThePartitionAreClampedToIt) {
         EXPECT_EXIT(_exit(huge_write_info_in_child(total)), ::testing::ExitedWithCode(0), "")
             << total;
     }
-}
-
-TEST(sensor_store_partition, PacketCopyTakesWhatIsReadableUpToAPacketAndZeroesTheRest) {
-    const bytes area = sensorstore_image().add_record(7, make_stored_packet(0x22, 40)).bytes();
-    sensorstore_record record;
-    ASSERT_EQ(sensorstore_record_status::ok,
-              read_sensorstore_record(area.data(), area.size(), 8, &record));
-    sns_ducto_packet packet;
-    memset(&packet, 0xee, sizeof(packet));
-    copy_sensorstore_packet(record, &packet);
-    EXPECT_EQ(0, memcmp(&packet, area.data() + 12, 40));
-    const uint8_t* copied = reinterpret_cast<const uint8_t*>(&packet);
-    EXPECT_TRUE(std::all_of(copied + 40, copied + sizeof(packet), [](uint8_t b) { return b == 0; }));
-
-    const bytes large(SNS_DUCTO_PACKET_LEN + 64, 0x5a);
-    record.packet = large.data();
-    record.packet_readable = large.size();
-    copy_sensorstore_packet(record, &packet);
-    EXPECT_EQ(0, memcmp(&packet, large.data(), sizeof(packet)));
 }
 
 // --- Low-power-state indications: the session table, the aggregate and the
@@ -336,23 +318,6 @@ class low_power_test : public connection_test {
         return dump.substr(at, dump.find("  wake lock") - at);
     }
 };
-
-TEST_F(low_power_test, MissingServiceIsRetriedAndASessionLeavingLowPowerHoldsTheWakeLock) {
-    ASSERT_NO_FATAL_FAILURE(connect_with_sessions());
-    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
-    ASSERT_TRUE(eventually([&] { return sessions().find("session 5: off") != std::string::npos; }));
-    EXPECT_FALSE(handler::acquire_wakelock());
-
-    auto service = fake_power_state_service::register_default();
-    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOff, 5)));
-    ASSERT_TRUE(eventually([&] { return service->acquires == 1; }));
-    ASSERT_TRUE(core->send_packet(core_stub::make_low_power_state(kOn, 5)));
-    ASSERT_TRUE(eventually([&] { return service->releases == 1; }));
-    EXPECT_EQ("  low-power sessions: 2, aggregate on\n    session 3: on\n    session 5: on\n",
-              sessions());
-    EXPECT_EQ(1, service->registrations);
-    EXPECT_EQ(1, service->acquires);
-}
 
 TEST_F(low_power_test, AggregateIsOffWhileAnyKnownSessionIsOffAndOtherMessagesChangeNothing) {
     auto service = fake_power_state_service::register_default();
@@ -396,6 +361,7 @@ TEST_F(low_power_test, SensorStoreSwitchedOffDropsEveryMessage) {
 }
 
 TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnceItSucceeds) {
+    EXPECT_FALSE(handler::acquire_wakelock());  // no service yet
     auto service = fake_power_state_service::register_default();
     service->registration_accepted = false;
     EXPECT_EQ(nullptr, handler::get_sns_low_power_state_handler());
@@ -404,7 +370,7 @@ TEST_F(low_power_test, ClientRegistersUntilAcceptedAndSendsEachWakeLockChangeOnc
     ASSERT_NE(nullptr, instance);
     EXPECT_EQ(instance, handler::get_sns_low_power_state_handler());
     EXPECT_EQ(2, service->registrations);
-    EXPECT_NE(nullptr, service->registered_callback());
+    EXPECT_FALSE(service->registered_callback()->isRemote());
     handler::release_wakelock();  // nothing held: nothing sent
     EXPECT_TRUE(handler::acquire_wakelock());
     EXPECT_TRUE(handler::acquire_wakelock());

@@ -13,8 +13,15 @@ namespace test {
 namespace {
 
 const std::string kTool = tool("kivhal-sensorstore");
-constexpr uint16_t kJumbo = 0x22;
-const uint32_t kOwn = sensorstore_image::channel_hash("sensors");
+constexpr uint32_t kOwn = 0x1b76;  // "sensors"
+using image = ::sensorstore_image;
+
+// The image's bytes, zero-padded to `size`.
+std::string text_of(const image& partition, size_t size = 0) {
+    std::vector<uint8_t> raw = partition.bytes();
+    raw.resize(std::max(size, raw.size()));
+    return std::string(raw.begin(), raw.end());
+}
 
 class SensorStoreDumpTest : public ::testing::Test {
   protected:
@@ -23,64 +30,54 @@ class SensorStoreDumpTest : public ::testing::Test {
         extra.insert(extra.begin(), {"dump", root.host_path(kSensorStorePartition)});
         return run_program(kTool, extra);
     }
-    static std::string bytes_of(const sensorstore_image& image, size_t size = 0) {
-        const auto raw = image.bytes();
-        std::string bytes(raw.begin(), raw.end());
-        bytes.resize(std::max(size, bytes.size()), '\0');
-        return bytes;
-    }
     scoped_root root;
 };
 
 TEST_F(SensorStoreDumpTest, ListsEveryRecordAndMarksTheChannelsOwn) {
     // A partition is larger than what the core wrote.
-    const std::string image = bytes_of(
-        sensorstore_image()
-            .add_record(kOwn, make_stored_packet(kJumbo, 40))
-            .add_record(sensorstore_image::channel_hash("other"), make_stored_packet(0x21, 20))
-            .add_record(kOwn, make_stored_packet(kJumbo, 10)),
-        4096);
-    const tool_result result = dump(image, {"--channel", "sensors"});
+    const tool_result result = dump(text_of(image()
+                                                .add_record(kOwn, make_stored_packet(0x22, 40))
+                                                .add_record(0x1234, make_stored_packet(0x21, 20))
+                                                .add_record(kOwn, make_stored_packet(0x22, 10)),
+                                            4096),
+                                    {"--channel", "sensors"});
     EXPECT_EQ(0, result.exit_code) << result.out;
-    char own[16];
-    snprintf(own, sizeof(own), "0x%08x", kOwn);
-    for (const std::string& line : std::vector<std::string>{
-             "header: data_len 90, reset_data_len 0 (data pending)",
-             "       8  " + std::string(own) + "  this     0x0022      40",
-             "other    0x0021      20", "      76  " + std::string(own) + "  this",
-             "walk: 3 records, ends exactly at data_len 90"}) {
+    for (const char* line :
+         {"header: data_len 90, reset_data_len 0 (data pending)",
+          "       8  0x00001b76  this     0x0022      40",
+          "      52  0x00001234  other    0x0021      20", "      76  0x00001b76  this",
+          "walk: 3 records, ends exactly at data_len 90"}) {
         EXPECT_THAT(result.out, ::testing::HasSubstr(line));
     }
 }
 
-TEST_F(SensorStoreDumpTest, CorruptImagesAreReportedWithoutCrashing) {
-    // A freshly reset header, before and after the connection's mark, is an empty store.
-    for (const char* header :
-         {"\x00\x00\x00\x00\x00\x00\x00\x00", "\x00\x00\x00\x00\x01\x00\x00\x00"}) {
-        const tool_result result = dump(std::string(header, 8));
-        EXPECT_EQ(0, result.exit_code) << result.out;
-        EXPECT_THAT(result.out, ::testing::HasSubstr("walk: 0 records, the store is empty"));
-    }
-    const std::pair<std::string, const char*> cases[] = {
-        {std::string("\x07\x00\x00\x00\x01\x00\x00\x00", 8),
-         "data_len 7 is smaller than the header"},
+TEST_F(SensorStoreDumpTest, EmptyAndCorruptImagesAreReportedWithoutCrashing) {
+    const image twelve = image().add_record(kOwn, make_stored_packet(0x22, 12));
+    const struct {
+        std::string contents;
+        const char* expected;
+        int exit_code = 1;
+    } cases[] = {
+        // A freshly reset header, before and after the connection's mark: an empty store.
+        {text_of(image().set_data_len(0)), "walk: 0 records, the store is empty", 0},
+        {text_of(image(1).set_data_len(0)), "walk: 0 records, the store is empty", 0},
+        {text_of(image().set_data_len(7)), "data_len 7 is smaller than the header"},
         {std::string("\x10\x00\x00", 3), "less than the 8-byte header"},
-        {bytes_of(
-             sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).set_data_len(5000)),
-         "runs past the end of the image"},
-        {bytes_of(sensorstore_image().add_raw({0, 0, 0, 0, 0x22, 0, 0, 0, 0, 0}).set_data_len(40)),
-         "does not cover the packet head"},
-        {bytes_of(
-             sensorstore_image().add_record(kOwn, make_stored_packet(kJumbo, 12)).add_raw({1, 2})),
-         "its head runs past the end of the area"},
+        {text_of(image(twelve).set_data_len(5000)), "runs past the end of the image"},
+        {text_of(image().add_raw({0, 0, 0, 0, 0x22, 0, 0, 0, 0, 0}).set_data_len(40)),
+         "offset 8: its packet length does not cover the packet head"},
+        {text_of(image(twelve).add_raw({1, 2})),
+         "offset 24: its head runs past the end of the area"},
+        {text_of(image(twelve).set_data_len(23)),
+         "offset 8: its packet runs past the end of the area"},
         // 4 GiB claimed in a 12-byte file: read no further than the file.
-        {bytes_of(sensorstore_image().add_raw({1, 2, 3, 4}).set_data_len(0xffffffff)),
+        {text_of(image().add_raw({1, 2, 3, 4}).set_data_len(0xffffffff)),
          "runs past the end of the image"},
     };
-    for (const auto& [contents, expected] : cases) {
-        const tool_result result = dump(contents);
-        EXPECT_EQ(1, result.exit_code) << expected << "\n" << result.err;  // -1 on a crash
-        EXPECT_THAT(result.out, ::testing::HasSubstr(expected));
+    for (const auto& c : cases) {
+        const tool_result result = dump(c.contents);
+        EXPECT_EQ(c.exit_code, result.exit_code) << c.expected << "\n" << result.err;  // -1: crash
+        EXPECT_THAT(result.out, ::testing::HasSubstr(c.expected));
     }
 }
 

@@ -17,6 +17,7 @@
 
 #include "channel_capture.h"
 #include "kiv_dump.h"
+#include "sensorstore_partition.h"
 #include "sns_client.pb.h"
 #include "sns_ducto_packet.h"
 #include "sns_std_attr.pb.h"
@@ -36,7 +37,6 @@ constexpr uint32_t kLookupRequestMsgId = 512;
 constexpr uint32_t kDisableRequestMsgId = 10;
 constexpr char kAbsent[] = "(absent)";
 constexpr size_t kLowPowerMsgIdOffset = SNS_DUCTO_HEADER_LEN;
-constexpr uint32_t kNoDataResetField = 1;
 
 template <typename T>
 T load(const std::vector<uint8_t>& bytes, size_t offset) {
@@ -113,6 +113,8 @@ std::string image_text(const std::vector<uint8_t>& image) {
     return std::to_string(image.size()) + " bytes";
 }
 
+}  // namespace
+
 void write_sensorstore(const std::string& path, const std::vector<uint8_t>& image) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     // Health records: private to this user, whatever the umask.
@@ -124,15 +126,10 @@ void write_sensorstore(const std::string& path, const std::vector<uint8_t>& imag
     }
 }
 
-}  // namespace
-
 void prepare_partition(const std::string& path) {
     std::error_code error;
     if (std::filesystem::exists(path, error)) return;
-    const uint32_t header[2] = {0, kNoDataResetField};
-    write_sensorstore(
-        path, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(header),
-                                   reinterpret_cast<const uint8_t*>(header) + sizeof(header)));
+    write_sensorstore(path, sensorstore_image(SNS_SENSORSTORE_RESET_DONE).set_data_len(0).bytes());
 }
 
 // Lengths come last: a changed name is a better answer than the length it
@@ -309,7 +306,7 @@ class replayer {
                 break;
             }
             const auto& bytes = next.bytes;
-            if (bytes.size() == kivhal::connection::kSensorstoreHeaderRecordLen) image.clear();
+            if (bytes.size() == SNS_SENSORSTORE_HDR_LEN) image.clear();
             image.insert(image.end(), bytes.begin(), bytes.end());
         }
         if (image.empty()) return;

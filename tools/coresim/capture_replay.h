@@ -34,6 +34,10 @@ std::vector<request_field> describe_request(const std::vector<uint8_t>& packet);
 std::string first_difference(const std::vector<uint8_t>& recorded,
                              const std::vector<uint8_t>& actual);
 
+// Writes a partition image to `path`, readable by its owner only (health
+// records), making its folders. Throws tool_error when it cannot.
+void write_sensorstore(const std::string& path, const std::vector<uint8_t>& image);
+
 // Connecting with on-device analysis on reads the partition's header: an
 // empty one is made when none is there.
 void prepare_partition(const std::string& path);

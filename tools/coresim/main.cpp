@@ -17,7 +17,7 @@
 
 #include "capture_replay.h"
 #include "kivhal/platform.h"
-#include "sensorstore_image.h"
+#include "sensorstore_partition.h"
 #include "simulated_core.h"
 #include "tool_cli.h"
 
@@ -141,7 +141,7 @@ int replay(replay_options options, std::string channel) {
     const capture recorded = read_capture(options.file);
     if (channel.empty()) channel = recorded.channel.empty() ? "sensors" : recorded.channel;
     socket_path_of(channel);
-    options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
+    options.partition_path = kivhal::platform::resolve_path(SNS_SENSORSTORE_PARTITION);
     prepare_partition(options.partition_path);
     const size_t requests = static_cast<size_t>(std::count_if(
         recorded.records.begin(), recorded.records.end(), [&](const capture_record& r) {
@@ -233,7 +233,7 @@ int run(int argc, char** argv) {
 
     options.sensor_types = {"registry", "health", "health_async_announce"};
     for (const auto& type : sensor_types_of_config(config)) options.sensor_types.push_back(type);
-    options.partition_path = kivhal::platform::resolve_path(kivhal::test::kSensorStorePartition);
+    options.partition_path = kivhal::platform::resolve_path(SNS_SENSORSTORE_PARTITION);
 
     const sigset_t stop_signals = block_stop_signals();
 

@@ -8,8 +8,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include "capture_replay.h"
 #include "sensor_attribute_ids.h"
-#include "sensorstore_image.h"
+#include "sensorstore_partition.h"
 #include "sns_ducto_packet.h"
 #include "sns_std_attr.pb.h"
 #include "sns_suid.pb.h"
@@ -348,29 +349,25 @@ void simulated_core::schedule_indications() {
 // Reports of the first sensors as the core keeps them while the application
 // processor sleeps, plus one record of another channel.
 uint32_t simulated_core::write_sensorstore_image() const {
-    test::sensorstore_image image;
-    const uint32_t own = test::sensorstore_image::channel_hash(_options.channel);
+    const auto hash = [](const std::string& name) {
+        return sensorstore_channel_hash(name.c_str(), static_cast<uint8_t>(name.size()));
+    };
+    sensorstore_image image;
     for (size_t i = 0; i < std::min(kStoredSensors, _sensors.size()); ++i) {
         for (int n = 0; n < kStoredReportsPerSensor; ++n) {
             sns_std_attr_value sample;
             sample.add_elementlist()->set_floatvalue(static_cast<float>(n));
-            image.add_record(own, core_stub::make_report(
-                                      core_stub::make_event(_sensors[i].suid, kSampleEventMsgId,
-                                                            sample.SerializeAsString()),
-                                      true));
+            image.add_record(
+                hash(_options.channel),
+                core_stub::make_report(core_stub::make_event(_sensors[i].suid, kSampleEventMsgId,
+                                                             sample.SerializeAsString()),
+                                       true));
         }
     }
-    image.add_record(test::sensorstore_image::channel_hash(kForeignChannel),
-                     core_stub::make_report("", true));
-    std::filesystem::create_directories(
-        std::filesystem::path(_options.partition_path).parent_path());
-    const std::vector<uint8_t> bytes = image.bytes();
-    std::ofstream out(_options.partition_path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("cannot write " + _options.partition_path);
+    image.add_record(hash(kForeignChannel), core_stub::make_report("", true));
+    write_sensorstore(_options.partition_path, image.bytes());
     // The message counts the stored bytes without the partition's header.
-    return image.area_len() - static_cast<uint32_t>(sizeof(test::sensorstore_header));
+    return image.area_len() - SNS_SENSORSTORE_HDR_LEN;
 }
 
 }  // namespace tools

@@ -1,6 +1,7 @@
 #include "sensorstore_dump.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 
 #include "input_file.h"
@@ -12,9 +13,10 @@ namespace tools {
 
 namespace {
 
-uint32_t load_le32(const uint8_t* bytes) {
-    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
-           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+sns_sensorstore_hdr header_of(const uint8_t* bytes) {
+    sns_sensorstore_hdr header;
+    memcpy(&header, bytes, sizeof(header));
+    return header;
 }
 
 const char* status_text(sensorstore_record_status status) {
@@ -41,7 +43,7 @@ std::vector<uint8_t> read_sensorstore_image(const std::string& path, size_t* ima
     size_t have = static_cast<size_t>(in.gcount());
     if (have == SNS_SENSORSTORE_HDR_LEN) {
         // A partition is far larger than what the core wrote; read only that.
-        const uint32_t data_len = load_le32(bytes.data());
+        const uint32_t data_len = header_of(bytes.data()).data_len;
         // data_len is the image's word: never size the buffer past the file.
         const uint64_t wanted = std::min<uint64_t>(data_len, file_size);
         bytes.resize(std::max<size_t>(static_cast<size_t>(wanted), SNS_SENSORSTORE_HDR_LEN));
@@ -66,8 +68,9 @@ bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
                 image.size(), SNS_SENSORSTORE_HDR_LEN);
         return false;
     }
-    const uint32_t data_len = load_le32(image.data());
-    const uint32_t reset = load_le32(image.data() + 4);
+    const sns_sensorstore_hdr header = header_of(image.data());
+    const uint32_t data_len = header.data_len;
+    const uint32_t reset = header.reset_data_len;
     fprintf(out, "header: data_len %u, reset_data_len %u (%s)\n", data_len, reset,
             reset == SNS_SENSORSTORE_RESET_DONE ? "consumed" : "data pending");
     fprintf(out, "channel: \"%s\", hash 0x%08x\n", channel.c_str(), own_hash);
@@ -89,33 +92,31 @@ bool dump_sensorstore(const std::vector<uint8_t>& image, size_t image_size,
     }
     const size_t readable = std::min<size_t>(data_len, image.size());
     fprintf(out, "%8s  %-10s  %-7s  %6s  %6s\n", "OFFSET", "HASH", "CHANNEL", "MSG ID", "LENGTH");
-    uint64_t offset = SNS_SENSORSTORE_HDR_LEN;
+    uint32_t offset = SNS_SENSORSTORE_HDR_LEN;
     size_t records = 0;
-    while (offset < data_len) {
-        sensorstore_record record{};
-        const auto status =
-            read_sensorstore_record(image.data(), readable, static_cast<uint32_t>(offset), &record);
-        if (status == sensorstore_record_status::head_out_of_bounds) {
-            fprintf(out, "corrupt: record at offset %llu: %s\n",
-                    static_cast<unsigned long long>(offset), status_text(status));
-            return false;
-        }
-        fprintf(out, "%8llu  0x%08x  %-7s  0x%04x  %6u\n", static_cast<unsigned long long>(offset),
-                record.channel_hash, record.channel_hash == own_hash ? "this" : "other",
-                record.msg_id, record.pkt_len);
-        ++records;
-        if (status != sensorstore_record_status::ok) {
-            fprintf(out, "corrupt: record at offset %llu: %s\n",
-                    static_cast<unsigned long long>(offset), status_text(status));
-            return false;
-        }
+    const auto print = [&](const sensorstore_record& record, bool own) {
+        fprintf(out, "%8u  0x%08x  %-7s  0x%04x  %6u\n", offset, record.channel_hash,
+                own ? "this" : "other", record.msg_id, record.pkt_len);
         offset += SNS_SENSORSTORE_RECORD_HASH_LEN + record.pkt_len;
+        ++records;
+    };
+    // The library walks at least one record; a header alone holds none.
+    if (data_len > SNS_SENSORSTORE_HDR_LEN) {
+        const sensorstore_walk walk =
+            walk_sensorstore(image.data(), readable, data_len, own_hash, print);
+        if (walk.status != sensorstore_record_status::ok) {
+            if (walk.status != sensorstore_record_status::head_out_of_bounds) {
+                print(walk.last, walk.last.channel_hash == own_hash);
+            }
+            fprintf(out, "corrupt: record at offset %u: %s\n", walk.end, status_text(walk.status));
+            return false;
+        }
     }
     if (offset == data_len) {
         fprintf(out, "walk: %zu records, ends exactly at data_len %u\n", records, data_len);
     } else {
-        fprintf(out, "walk: %zu records, ends at %llu, not at data_len %u\n", records,
-                static_cast<unsigned long long>(offset), data_len);
+        fprintf(out, "walk: %zu records, ends at %u, not at data_len %u\n", records, offset,
+                data_len);
         ok = false;
     }
     return ok;
