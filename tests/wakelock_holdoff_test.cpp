@@ -100,7 +100,6 @@ TEST_F(WakelockHoldoffTest, BurstsCloserThanTheWindowShareOneLockAndOneUnlock) {
         clock.advance_ms(100);
         EXPECT_EQ(pairs, writes(kLockFile) - locks) << "gap " << gap_ms;
         EXPECT_EQ(pairs, writes(kUnlockFile) - unlocks) << "gap " << gap_ms;
-        EXPECT_FALSE(wl->get_state().held);
     }
     // A reference taken within the window and held past its end keeps the lock.
     report();
