@@ -74,11 +74,6 @@ tav_ducto::tav_ducto(tav_ducto_config config)
         }
         throw;
     }
-    // Last, so that only a connection whose destructor will run is a host.
-    if (_wakelock->holdoff_ms() > 0) {
-        _worker.serve_holdoff(_wakelock);
-        _wakelock->add_timer_host(&_worker);
-    }
 }
 
 tav_ducto::~tav_ducto() {
@@ -86,9 +81,6 @@ tav_ducto::~tav_ducto() {
     _is_closing = true;
     g_ducto_err_cnt = 0;
     ducto_disconnect(true);
-    // Before the worker stops: a pending release moves to another host or is
-    // written now.
-    if (_wakelock->holdoff_ms() > 0) _wakelock->remove_timer_host(&_worker);
     destroy_map_table();
     {
         kivhal::lock_guard lock(_s_mutex);

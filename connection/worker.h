@@ -8,38 +8,34 @@
 #include <functional>
 
 #include "kiv_thread_annotations.h"
-#include "sns_wakelock.h"
+
+class sns_wakelock;
 
 // A task-queue thread owned by every connection. Nothing enqueues work today;
-// it starts, idles and is stopped with its connection. With a wake-lock
-// hold-off it also times the deferred release.
+// it starts, idles and is stopped with its connection.
 //
-// Lock order: the wake lock's mutex before the worker's. The wake lock arms
-// the timer under its own mutex; the worker calls back into the wake lock
-// with its own mutex released. (_wakelock, which would drop a reference under
-// the worker's mutex, is never set.)
-class worker : public wakelock_timer_host {
+// Lock order: the worker's mutex before the wake lock's (a reference is
+// dropped under it).
+class worker {
   public:
+    // Does not start the thread (the connection does); does not throw.
     worker();
+    // Stops and joins a started thread; must not run on it; does not throw.
     ~worker();
     worker(const worker&) = delete;
     worker& operator=(const worker&) = delete;
 
-    // Thread entry point; `arg` is the worker.
+    // Thread entry point; `arg` is the worker. Returns null; a task's
+    // non-std::exception ends the process (std::terminate).
     static void* thread_execute(void* arg);
+    // Frees the queued indication buffers; does not throw; any thread.
     void remaining_ind_mem_cleanup() EXCLUDES(_mutex);
 
+    // The handle the connection starts the thread into; not locked.
     pthread_t& thread() { return _thread; }
-
-    // Calls `wakelock`'s on_holdoff_timer when an armed deadline passes.
-    void serve_holdoff(sns_wakelock* wakelock) EXCLUDES(_mutex);
-    int64_t now_ns() override;
-    void arm(int64_t deadline_ns) override EXCLUDES(_mutex);
 
   private:
     void run() EXCLUDES(_mutex);
-    // Waits for a task, the stop or the armed deadline.
-    void wait_once() REQUIRES(_mutex);
 
     std::atomic<bool> _running;
     std::deque<std::function<void()>> _tasks GUARDED_BY(_mutex);
@@ -50,8 +46,6 @@ class worker : public wakelock_timer_host {
     char _name[20] GUARDED_BY(_mutex);
     sns_wakelock* _wakelock;
     bool _started;  // the thread exists and must be joined
-    sns_wakelock* _holdoff_owner GUARDED_BY(_mutex);
-    int64_t _holdoff_deadline_ns GUARDED_BY(_mutex);  // kNoDeadline when not armed
 
     friend class tav_ducto;
 };

@@ -9,10 +9,12 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "kiv_log.h"
 #include "kivhal/platform.h"
+#include "wakelock_timer.h"
 
 const char* KIV_WACKLOCK_NAME = "KIVHAL_WAKEUP";
 
@@ -74,8 +76,8 @@ void sns_wakelock::flush_at_exit() {
 sns_wakelock::state sns_wakelock::get_state() {
     kivhal::lock_guard lock(_mutex);
     state s{_accu_count, _held, _holdoff_ms, _release_pending, 0, _lock_writes, _unlock_writes};
-    if (_release_pending && _armed_host != nullptr) {
-        s.release_due_in_ns = std::max<int64_t>(0, _release_deadline_ns - _armed_host->now_ns());
+    if (_release_pending) {
+        s.release_due_in_ns = std::max<int64_t>(0, _release_deadline_ns - _timer->now_ns());
     }
     return s;
 }
@@ -88,16 +90,20 @@ sns_wakelock::sns_wakelock()
       _holdoff_ms(read_holdoff_ms(KIV_LOG_OP)),
       _release_pending(false),
       _release_deadline_ns(0),
-      _armed_host(nullptr),
+      _timer_armed(false),
       _lock_writes(0),
       _unlock_writes(0) {
     _lock_fd = open_wakelock_file(kWakeLockPath, KIV_LOG_OP);
     _unlock_fd = open_wakelock_file(kWakeUnlockPath, KIV_LOG_OP);
-    if (_holdoff_ms > 0) atexit(flush_at_exit);
+    if (_holdoff_ms == 0) return;
+    _timer = std::make_unique<wakelock_timer>(wakelock_clock::for_new_wakelock(),
+                                              [this] { deadline_reached(); });
+    atexit(flush_at_exit);
 }
 
 sns_wakelock::~sns_wakelock() {
     if (_self == this) _self = nullptr;
+    flush_deferred_release();
     {
         kivhal::lock_guard lock(_mutex);
         if (_held) {
@@ -163,56 +169,37 @@ void sns_wakelock::put_n_locks(uint32_t n) {
 }
 
 bool sns_wakelock::defer_release() {
-    if (_holdoff_ms == 0 || _timer_hosts.empty()) return false;
-    wakelock_timer_host* host = _timer_hosts.front();
-    _release_deadline_ns = host->now_ns() + static_cast<int64_t>(_holdoff_ms) * kNsPerMs;
+    if (_timer == nullptr) return false;
+    _release_deadline_ns = _timer->now_ns() + static_cast<int64_t>(_holdoff_ms) * kNsPerMs;
     _release_pending = true;
     // One timer per window, not one signal per report: a timer that expires
-    // before the newest deadline is re-armed by on_holdoff_timer.
-    if (_armed_host == nullptr) arm(host);
+    // before the newest deadline is re-armed by deadline_reached.
+    if (!_timer_armed) _timer->arm(_release_deadline_ns);
+    _timer_armed = true;
     return true;
 }
 
-void sns_wakelock::arm(wakelock_timer_host* host) {
-    _armed_host = host;
-    host->arm(_release_deadline_ns);
-}
-
-void sns_wakelock::on_holdoff_timer(wakelock_timer_host* host) {
+void sns_wakelock::deadline_reached() {
     kivhal::lock_guard lock(_mutex);
-    // A host removed while its expiry was on the way: another one is armed.
-    if (host != _armed_host) return;
-    _armed_host = nullptr;
+    _timer_armed = false;
     if (!_release_pending) return;
-    if (host->now_ns() < _release_deadline_ns) {
-        arm(host);
+    if (_timer->now_ns() < _release_deadline_ns) {
+        _timer->arm(_release_deadline_ns);
+        _timer_armed = true;
     } else {
         release();
-    }
-}
-
-void sns_wakelock::add_timer_host(wakelock_timer_host* host) {
-    kivhal::lock_guard lock(_mutex);
-    _timer_hosts.push_back(host);
-}
-
-void sns_wakelock::remove_timer_host(wakelock_timer_host* host) {
-    kivhal::lock_guard lock(_mutex);
-    _timer_hosts.erase(std::remove(_timer_hosts.begin(), _timer_hosts.end(), host),
-                       _timer_hosts.end());
-    if (host != _armed_host) return;
-    _armed_host = nullptr;
-    if (!_release_pending) return;
-    if (_timer_hosts.empty()) {
-        release();
-    } else {
-        arm(_timer_hosts.front());
     }
 }
 
 void sns_wakelock::flush_deferred_release() {
-    kivhal::lock_guard lock(_mutex);
-    if (_release_pending) release();
+    std::unique_ptr<wakelock_timer> timer;
+    {
+        kivhal::lock_guard lock(_mutex);
+        if (_release_pending) release();
+        timer = std::move(_timer);
+    }
+    // Joined without the mutex: its thread may be waiting for it.
+    timer.reset();
 }
 
 void sns_wakelock::put_all() {

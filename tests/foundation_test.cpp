@@ -49,7 +49,14 @@ TEST(LoggingTest, EachLevelLetsThroughItsOwnClassAndTheOnesAboveFromInfoOnAtFirs
     }
 }
 
-TEST(LoggingTest, StderrMirrorsTheTextWithItsOwnLineEndAfterTheStatementsNameAndLine) {
+// A file-local helper logs for the operation that called it, at its own line.
+int g_helper_line = 0;
+void helper_logging_for(kiv_log_op op) {
+    g_helper_line = __LINE__ + 1;
+    KIV_LOGI_FOR(op, "helper %d", 7);
+}
+
+TEST(LoggingTest, StderrMirrorsTheTextAfterTheNameAndLineOfTheStatementOrOfAHelper) {
     kiv_log::set_stderr_logging(true);
     CapturedStderr err;
     const int line = __LINE__ + 1;
@@ -58,39 +65,16 @@ TEST(LoggingTest, StderrMirrorsTheTextWithItsOwnLineEndAfterTheStatementsNameAnd
     err.Stop();
     const std::string text = "TestBody:" + std::to_string(line) + ", opening \"/x\": gone\n";
     EXPECT_EQ(text + "\n", err.str());
-    EXPECT_THAT(texts(), ElementsAre(text));
-}
-
-// A file-local helper logs for the operation that called it, at its own line.
-int g_helper_line = 0;
-void helper_logging_for(kiv_log_op op) {
-    g_helper_line = __LINE__ + 1;
-    KIV_LOGI_FOR(op, "helper %d", 7);
-}
-
-TEST(LoggingTest, AHelpersLineNamesItsOperationAndKeepsItsOwnLine) {
     helper_logging_for(KIV_LOG_OP);
     kiv_log::set_level(kiv_log::ERROR);
     helper_logging_for(KIV_LOG_OP);
-    EXPECT_THAT(texts(), ElementsAre("TestBody:" + std::to_string(g_helper_line) + ", helper 7"));
+    EXPECT_THAT(texts(),
+                ElementsAre(text, "TestBody:" + std::to_string(g_helper_line) + ", helper 7"));
 }
 
 // --- The switches read from system properties ----------------------------------
 
 using kivhal::host::set_property;
-
-bool ds() {
-    return is_ds_supported();
-}
-bool oda() {
-    return is_oda_supported();
-}
-bool aon() {
-    return get_aon_prop() == 1;
-}
-bool trace() {
-    return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load();
-}
 
 // A switch: its property, its reader, the reader's first line up to the
 // value it echoes, and the value read when the property is unset.
@@ -100,11 +84,15 @@ struct flag {
     const char* echo;
     const char* fallback;
 };
-const flag kDs{"persist.vendor.kiv.ds", ds, "is_ds_supported:[0-9]+, ds: ", "false"};
-const flag kOda{"persist.vendor.kiv.ds_oda", oda, "is_oda_supported:[0-9]+, ds_oda: ", "false"};
-const flag kTrace{"persist.vendor.debug.kiv.trace", trace,
-                  "check_kiv_trace_support_flag:[0-9]+, trace_debug: ", "false"};
-const flag kAon{"ro.vendor.mr_aon_presence", aon, "get_aon_prop:[0-9]+, aon_prop: ", "0"};
+const flag kDs{"persist.vendor.kiv.ds", is_ds_supported, "is_ds_supported:[0-9]+, ds: ", "false"};
+const flag kOda{"persist.vendor.kiv.ds_oda", is_oda_supported,
+                "is_oda_supported:[0-9]+, ds_oda: ", "false"};
+const flag kTrace{
+    "persist.vendor.debug.kiv.trace",
+    [] { return tav_ducto::check_kiv_trace_support_flag() && kiv_trace_enabled.load(); },
+    "check_kiv_trace_support_flag:[0-9]+, trace_debug: ", "false"};
+const flag kAon{"ro.vendor.mr_aon_presence", [] { return get_aon_prop() == 1; },
+                "get_aon_prop:[0-9]+, aon_prop: ", "0"};
 
 // The caches live for the process, so every reading runs in a child. The
 // child echoes the value it read on standard error, so a child that never
@@ -115,13 +103,15 @@ TEST(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
         const flag& f;
         const char* value;  // nullptr: unset
         bool expected;
-    } cases[] = {// The sensor store is on unless the value starts with "false"; on-device
-                 // analysis and tracing compare four characters with "true"; always-on
-                 // presence looks at the first character only.
-                 {kDs, nullptr, false},   {kDs, "0", true},         {kDs, "FALSE", true},
-                 {kDs, "falsely", false}, {kOda, nullptr, false},   {kOda, "true1", true},
-                 {kOda, "TRUE", false},   {kTrace, nullptr, false}, {kTrace, "trueish", true},
-                 {kAon, nullptr, false},  {kAon, "10", true},       {kAon, "true", false}};
+    } cases[] = {
+        // The sensor store is on unless the value starts with "false"; on-device
+        // analysis and tracing compare four characters with "true"; always-on
+        // presence looks at the first character only.
+        {kDs, nullptr, false},   {kDs, "0", true},         {kDs, "FALSE", true},
+        {kDs, "falsely", false}, {kOda, nullptr, false},   {kOda, "true1", true},
+        {kOda, "TRUE", false},   {kTrace, nullptr, false}, {kTrace, "trueish", true},
+        {kAon, nullptr, false},  {kAon, "10", true},       {kAon, "true", false},
+    };
     for (const auto& c : cases) {
         kivhal::host::clear_properties();
         if (c.value != nullptr) set_property(c.f.property, c.value);

@@ -1,15 +1,17 @@
 // The wake lock's hold-off: the kernel unlock waits out a window in which a
-// new reference keeps the lock without any write. Unit cases run on a virtual
-// clock through a hand-fired timer host; the connection cases use the worker.
+// new reference keeps the lock without any write. Unit cases run the wake
+// lock's timer on a virtual clock.
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 #include <vector>
 
 #include "connection_test_fixture.h"
 #include "sns_wakelock.h"
+#include "wakelock_timer.h"
 
 namespace kivhal {
 namespace test {
@@ -21,22 +23,36 @@ constexpr char kUnlockFile[] = "/sys/power/wake_unlock";
 constexpr int64_t kNsPerMs = 1000000;
 const std::string kName("KIVHAL_WAKEUP\0", 14);
 
-// Fires when the test moves the clock past the armed deadline.
-class virtual_timer_host : public wakelock_timer_host {
+// Time moves only in advance_ms(), which returns once the timer thread has
+// acted on it and blocks again.
+class virtual_clock : public wakelock_clock {
   public:
     int64_t now_ns() override { return now; }
-    void arm(int64_t deadline_ns) override {
-        armed = deadline_ns;
-        ++arms;
+    bool wait_until(kivhal::unique_lock& lock, std::condition_variable& cond,
+                    int64_t deadline_ns) override {
+        const auto due = [&] { return deadline_ns != kNever && now >= deadline_ns; };
+        if (due()) return true;
+        mutex = lock.native().mutex();
+        waiting = &cond;
+        ++blocks;
+        cond.wait(lock.native());
+        return due();
     }
     void advance_ms(int64_t ms) {
-        now += ms * kNsPerMs;
-        if (armed < 0 || armed > now) return;
-        armed = -1;
-        sns_wakelock::get_instance()->on_holdoff_timer(this);
+        while (blocks == 0) std::this_thread::yield();
+        int before;
+        {
+            std::lock_guard<std::mutex> hold(*mutex.load());
+            now += ms * kNsPerMs;
+            before = blocks;
+            waiting.load()->notify_all();
+        }
+        while (blocks == before) std::this_thread::yield();
     }
-    int64_t now = 0, armed = -1;
-    int arms = 0;
+    std::atomic<int64_t> now{0};
+    std::atomic<int> blocks{0};
+    std::atomic<std::mutex*> mutex{nullptr};
+    std::atomic<std::condition_variable*> waiting{nullptr};
 };
 
 std::string dump_text(tav_interface& conn, const scoped_root& root) {
@@ -46,26 +62,15 @@ std::string dump_text(tav_interface& conn, const scoped_root& root) {
     return root.read_file("/dump");
 }
 
-// CPU time of every thread but the caller's, in milliseconds.
-long others_cpu_ms() {
-    rusage process, self;
-    getrusage(RUSAGE_SELF, &process);
-    getrusage(RUSAGE_THREAD, &self);
-    const auto ms = [](const rusage& r) {
-        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L +
-               (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000;
-    };
-    return ms(process) - ms(self);
-}
-
 class WakelockHoldoffTest : public ::testing::Test {
   protected:
     void SetUp() override {
         for (const char* file : {kLockFile, kUnlockFile}) root.write_file(file, "");
         host::set_property(kHoldoffProperty, "20");
+        wakelock_clock::use_for_next_wakelock(&clock);
         wl = sns_wakelock::get_instance();
-        wl->add_timer_host(&timer);
     }
+    void TearDown() override { delete wl; }  // joins the timer before the clock goes
     size_t writes(const char* file) const { return root.read_file(file).size() / kName.size(); }
     void report() {
         wl->get_n_locks(1);
@@ -73,7 +78,7 @@ class WakelockHoldoffTest : public ::testing::Test {
     }
 
     scoped_root root;
-    virtual_timer_host timer;
+    virtual_clock clock;
     sns_wakelock* wl = nullptr;
 };
 
@@ -82,61 +87,47 @@ TEST_F(WakelockHoldoffTest, BurstsCloserThanTheWindowShareOneLockAndOneUnlock) {
     // report of a burst, which is 1 ms before the gap starts.
     for (const auto& [gap_ms, pairs] :
          std::vector<std::pair<int, size_t>>{{18, 1}, {19, 3}, {60, 3}}) {
-        const size_t locks = writes(kLockFile), unlocks = writes(kUnlockFile), arms = timer.arms;
+        const size_t locks = writes(kLockFile), unlocks = writes(kUnlockFile);
         for (int burst = 0; burst < 3; ++burst) {
-            for (int i = 0; i < 10; ++i, timer.advance_ms(1)) report();
+            for (int i = 0; i < 10; ++i, clock.advance_ms(1)) report();
             const sns_wakelock::state state = wl->get_state();
             EXPECT_TRUE(state.held && state.release_pending && state.count == 0);
-            timer.advance_ms(gap_ms);
+            clock.advance_ms(gap_ms);
         }
-        timer.advance_ms(100);
+        clock.advance_ms(100);
         EXPECT_EQ(pairs, writes(kLockFile) - locks) << "gap " << gap_ms;
         EXPECT_EQ(pairs, writes(kUnlockFile) - unlocks) << "gap " << gap_ms;
-        // Armed per window, not per report.
-        EXPECT_LE(timer.arms - arms, 9) << "gap " << gap_ms;
-        EXPECT_FALSE(wl->get_state().held);
     }
+    report();  // a lone report is released too
+    clock.advance_ms(50);
+    EXPECT_FALSE(wl->get_state().held);
     // A reference taken within the window and held past its end keeps the lock.
     report();
     wl->get_n_locks(1);
-    timer.advance_ms(50);
+    clock.advance_ms(50);
     EXPECT_TRUE(wl->get_state().held);
     wl->put_n_locks(1);
-    timer.advance_ms(50);
+    clock.advance_ms(50);
     EXPECT_FALSE(wl->get_state().held);
 }
 
-TEST_F(WakelockHoldoffTest, APendingReleaseMovesToTheNextHostOrIsWrittenWhenNoneIsLeft) {
-    virtual_timer_host second;
-    wl->add_timer_host(&second);
-    report();
-    wl->remove_timer_host(&timer);
-    EXPECT_EQ(20 * kNsPerMs, second.armed);
-    timer.advance_ms(30);  // the removed host's expiry counts for nothing
-    EXPECT_EQ(0u, writes(kUnlockFile));
-    wl->remove_timer_host(&second);
-    EXPECT_EQ(1u, writes(kUnlockFile));
-    report();  // no host: released at once
-    EXPECT_EQ(2u, writes(kUnlockFile));
-
-    wl->add_timer_host(&timer);
-    report();
-    wl->flush_deferred_release();
-    EXPECT_EQ(3u, writes(kUnlockFile));
+// The kernel keeps a named lock past its process: exit(), the destructor and
+// a flush write a pending release; after a flush releases are immediate.
+TEST_F(WakelockHoldoffTest, APendingReleaseIsWrittenAtExitDestructionAndFlush) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fork has no timer thread to join
+    kiv_log::set_stderr_logging(true);
+    kiv_log::set_level(kiv_log::VERBOSE);
+    // Its own root: the release line is the evidence.
+    EXPECT_EXIT((report(), exit(0)), ::testing::ExitedWithCode(0), "sucess release KIVHAL_WAKEUP");
     report();
     delete wl;
-    EXPECT_EQ(4u, writes(kUnlockFile));
-    EXPECT_EQ(4u, writes(kLockFile));
-}
-
-TEST_F(WakelockHoldoffTest, AProcessThatExitsWithAReleasePendingWritesItFirst) {
-    EXPECT_EXIT(
-        {
-            report();
-            exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
     EXPECT_EQ(1u, writes(kUnlockFile));
+    wl = sns_wakelock::get_instance();
+    report();
+    wl->flush_deferred_release();
+    EXPECT_EQ(1u, wl->get_state().unlock_writes);
+    report();
+    EXPECT_EQ(2u, wl->get_state().unlock_writes);
 }
 
 TEST_F(WakelockHoldoffTest, ABadSettingIsLoggedAndLeavesTheHoldoffOff) {
@@ -152,55 +143,26 @@ TEST_F(WakelockHoldoffTest, ABadSettingIsLoggedAndLeavesTheHoldoffOff) {
     }
 }
 
-TEST_F(connection_test, TheWorkerTimesTheReleaseAndTheDumpShowsIt) {
-    host::set_property(kHoldoffProperty, "1000");
+// The due time in milliseconds, one decimal: 19.949999 ms is 19.9.
+TEST_F(connection_test, ReportsShareOneWindowAndTheDumpShowsIt) {
+    host::set_property(kHoldoffProperty, "20");
+    virtual_clock clock;
+    wakelock_clock::use_for_next_wakelock(&clock);
     ASSERT_NO_FATAL_FAILURE(connect());
     ASSERT_EQ(0, register_sensor(kAccel, accel));
-    std::string dump;
-    const auto dump_has = [&](const std::string& text) {
-        dump = dump_text(*conn, root);
-        return dump.find(text) != std::string::npos;
-    };
     for (int i = 0; i < 50; ++i) core->send_event(core_stub::make_event(kAccel, 1, "x"));
     ASSERT_TRUE(accel.wait_for(50));
-    // The reader gives its reference back after the callback returns.
-    EXPECT_TRUE(eventually([&] {
-        return dump_has("    hold-off: 1000 ms, release pending, due in ");
-    })) << dump;
-    EXPECT_EQ(kName, root.read_file(kLockFile));
-    double due_ms = -1;
-    sscanf(dump.c_str() + dump.find("due in "), "due in %lf ms\n", &due_ms);
-    EXPECT_TRUE(due_ms > 500 && due_ms <= 1000) << dump;
-    // The worker sleeps out the window: the other threads stay idle meanwhile.
-    const long cpu_ms = others_cpu_ms();
-    EXPECT_TRUE(eventually([&] {
-        return dump_has(
-            "    hold-off: 1000 ms, no release pending\n"
-            "    kernel writes: 1 lock, 1 unlock\n");
-    })) << dump;
-    EXPECT_LT(others_cpu_ms() - cpu_ms, 200);
-    EXPECT_EQ(kName, root.read_file(kUnlockFile));
-
-    // Destroyed within the window: released at once, not a second later.
-    core->send_event(core_stub::make_event(kAccel, 1, "x"));
-    ASSERT_TRUE(accel.wait_for(51));
-    conn.reset();
-    EXPECT_EQ(kName + kName, root.read_file(kUnlockFile));
-}
-
-// The due time in milliseconds, one decimal: 19.949999 ms is 19.9.
-TEST_F(connection_test, TheDumpShowsTheDueTimeInMillisecondsRoundedToOneDecimal) {
-    host::set_property(kHoldoffProperty, "20");
-    virtual_timer_host timer;  // first host: the one armed
     sns_wakelock* wl = sns_wakelock::get_instance();
-    wl->add_timer_host(&timer);
-    ASSERT_NO_FATAL_FAILURE(connect());
-    wl->get_n_locks(1);
-    wl->put_n_locks(1);
-    timer.now = 50001;
+    // The reader gives its reference back after the callback returns.
+    ASSERT_TRUE(eventually([&] { return wl->get_state().release_pending; }));
+    clock.now = 50001;
     EXPECT_THAT(dump_text(*conn, root),
                 HasSubstr("    hold-off: 20 ms, release pending, due in 19.9 ms\n"));
-    wl->remove_timer_host(&timer);
+    clock.advance_ms(20);
+    EXPECT_THAT(dump_text(*conn, root), HasSubstr("    hold-off: 20 ms, no release pending\n"
+                                                  "    kernel writes: 1 lock, 1 unlock\n"));
+    conn.reset();
+    delete wl;
 }
 
 }  // namespace
