@@ -169,9 +169,9 @@ void simulated_core::handle(const recorded_request& request) {
         // The answer goes out under the stream lock, after the last report.
         kivhal::lock_guard lock(_stream_mutex);
         _streams.erase({request.suid().low, request.suid().high});
-        send(std::move(packets));
+        send(std::move(packets), request.connection);
     } else {
-        send(std::move(packets));
+        send(std::move(packets), request.connection);
     }
     if (_options.verbose) say(what);
 }
@@ -239,10 +239,10 @@ std::string simulated_core::answer_sensor(const recorded_request& request,
     return what + ", streaming";
 }
 
-void simulated_core::send(std::vector<std::vector<uint8_t>> packets) {
+void simulated_core::send(std::vector<std::vector<uint8_t>> packets, size_t connection) {
     for (auto& packet : packets) {
         if (_options.delay.count() > 0) {
-            _core.send_packet_after(_options.delay, std::move(packet));
+            _core.send_packet_after(_options.delay, std::move(packet), connection);
         } else {
             _core.send_packet(packet);
         }

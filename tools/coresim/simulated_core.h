@@ -69,7 +69,8 @@ class simulated_core {
                               std::vector<std::vector<uint8_t>>& packets);
     std::string answer_sensor(const test::recorded_request& request,
                               std::vector<std::vector<uint8_t>>& packets);
-    void send(std::vector<std::vector<uint8_t>> packets);
+    // Answers for connection number `connection` (0: the current one).
+    void send(std::vector<std::vector<uint8_t>> packets, size_t connection = 0);
     void stream_reports();
     // One report per stream; false when none went out.
     bool stream_round();

@@ -250,11 +250,15 @@ bool core_stub::send_event(const std::string& encoded_event) {
     return send_packet(report_for(encoded_event));
 }
 
-void core_stub::send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet) {
+void core_stub::send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet,
+                                  size_t connection) {
     {
         kivhal::lock_guard lock(_mutex);
-        _scheduled.push_back(
-            {std::chrono::steady_clock::now() + delay, _next_sequence++, std::move(packet)});
+        // An answer decided for a client that left meanwhile must not reach
+        // the next one: clearing the queue at the hang-up cannot catch it.
+        if (connection != 0 && (connection != _connections || _conn_fd < 0)) return;
+        _scheduled.push_back({std::chrono::steady_clock::now() + delay, _next_sequence++,
+                              std::move(packet), connection != 0 ? connection : _connections});
     }
     _changed.notify_all();
 }
@@ -412,7 +416,9 @@ void core_stub::deliver_scheduled() {
             continue;
         }
         std::vector<uint8_t> packet = std::move(next->packet);
+        const bool current = next->connection == _connections;
         _scheduled.erase(next);
+        if (!current) continue;
         lock.unlock();
         send_packet(packet);
         lock.lock();

@@ -138,9 +138,11 @@ class core_stub {
     bool send_packet(const std::vector<uint8_t>& packet);
     bool send_response(const response_fields& fields) { return send_packet(make_response(fields)); }
     bool send_event(const std::string& encoded_event);  // report or jumbo by the threshold
-    // Sent `delay` from now from the stand-in's own thread, in due order.
-    // Packets still waiting when the connection ends are dropped with it.
-    void send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet);
+    // Sent `delay` from now from the stand-in's own thread, in due order, on
+    // connection number `connection` (see connections(); 0: the current one).
+    // A packet whose connection has ended by then is dropped.
+    void send_packet_after(std::chrono::milliseconds delay, std::vector<uint8_t> packet,
+                           size_t connection = 0);
 
     // Closes the accepted connection: the library sees POLLHUP. The listener
     // stays up for the next connection.
@@ -156,6 +158,7 @@ class core_stub {
         std::chrono::steady_clock::time_point due;
         uint64_t sequence;
         std::vector<uint8_t> packet;
+        size_t connection;
     };
 
     void serve();
