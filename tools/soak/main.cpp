@@ -176,6 +176,12 @@ int run(int argc, char** argv) {
     const soak_result result = stream(client, options);
     client.disconnect();
     const size_t fds_end = open_descriptors();
+    // The hold-off outlives the last connection: its window ends in its own
+    // time, and only a window that never ends leaves the lock held.
+    const auto window_end = std::chrono::steady_clock::now() +
+                            std::chrono::milliseconds(options.holdoff_ms) + std::chrono::seconds(1);
+    while (wakelock->get_state().release_pending && std::chrono::steady_clock::now() < window_end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
     locks.drain();
     unlocks.drain();
