@@ -163,7 +163,8 @@ TEST_F(CatalogueTest, GoalsOfKnownDataTypesByThresholdKind) {
 }
 
 // Every row of a matching name, in the table's own order, also a row the
-// exercise's own element added; a later definition of a number wins.
+// exercise's own element added; a later definition of a number wins; one
+// without a sensor type is left out.
 TEST_F(CatalogueTest, ExercisesCollectEveryMatchingDataTypeInTableOrderOnlyWhenAutoStart) {
     ASSERT_TRUE(parse_data("catalogue_exercises.xml"));
     std::vector<kt::DataType> walking;

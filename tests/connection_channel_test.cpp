@@ -190,7 +190,9 @@ TEST_F(connection_test, AFailedDisableWriteLeavesTheEarlierRequestsAwaitingTheir
     send(kAccel, 10);
     send(kGyro, 10);
     host::set_channel_hooks({nullptr, nullptr, failing(host::real_write_node, EIO), nullptr});
+    host::clear_captured_log();
     EXPECT_THROW(send(kAccel, 10), ducto_error);
+    EXPECT_FALSE(log_contains("complete bytes written"));
     const std::string waiting =
         "    00000000000000a1:0000000000001111\n    00000000000000b2:0000000000002222\n";
     EXPECT_THAT(dump_of(*conn),

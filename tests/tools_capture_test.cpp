@@ -510,6 +510,45 @@ TEST(CaptureRotationTest, AtTheLimitTheFileBecomesDotOneAndANewOneStarts) {
     EXPECT_EQ(std::string("\x0a\x0d\x0d\x0a", 4), root.read_file("/capture.pcapng").substr(0, 4));
 }
 
+// By default a file is rotated past 16 MiB, and a packet's padding is zeros
+// even where the ring, gone round many times, held a record before.
+TEST(CaptureRotationTest, TheDefaultLimitIs16MiBAndPaddingStaysZeroAfterTheRingWraps) {
+    scoped_root root;
+    const std::string path = root.host_path("/capture.pcapng");
+    auto capture = connection::channel_capture::open(path, "sensors");
+    ASSERT_TRUE(capture);
+    // 4093 bytes: three of padding; 4140 bytes a block; 200 of them stay
+    // within the 1 MiB ring.
+    const std::vector<uint8_t> packet(4093, 0xff);
+    const auto write = [&](int rounds) {
+        for (int round = 0; round < rounds; ++round) {
+            for (int i = 0; i < 200; ++i) capture->inbound(packet.data(), packet.size());
+            ASSERT_TRUE(eventually([&] { return capture->get_status().pending_bytes == 0; }));
+        }
+    };
+    write(19);  // 15.0 MiB
+    EXPECT_NE(0, access((path + ".1").c_str(), F_OK));
+    write(2);  // 16.6 MiB
+    EXPECT_EQ(0u, capture->get_status().all_dropped);
+    capture.reset();
+    std::string bytes;
+    ASSERT_TRUE(android::base::ReadFileToString(path + ".1", &bytes));
+    ASSERT_GT(bytes.size(), 16u << 20);
+    size_t packets = 0;
+    for (size_t at = 0; at + 8 <= bytes.size();) {
+        uint32_t head[6];
+        memcpy(head, &bytes[at], std::min(sizeof(head), bytes.size() - at));
+        if (head[0] == 6) {
+            ASSERT_EQ(4093u, head[5]);
+            EXPECT_EQ(std::string(3, '\0'), bytes.substr(at + 28 + 4093, 3)) << packets;
+            ++packets;
+        }
+        ASSERT_GE(head[1], 12u);
+        at += head[1];
+    }
+    EXPECT_GT(packets, 4000u);
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace kivhal
