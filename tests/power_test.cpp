@@ -232,6 +232,7 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     host::set_channel_hooks(hooks);
     // The last write's result, not the total, is returned.
     EXPECT_EQ(1, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
+    EXPECT_TRUE(log_contains("TAV_SENSORSTORE complete bytes written= 8"));  // 7 + 1
     std::string data(8, '\0');
     EXPECT_EQ(8, read(read_end.get(), &data[0], 8));
     EXPECT_EQ("sensors!", data);
@@ -244,6 +245,13 @@ TEST_F(sensor_store_test, PartitionWritesRetryTenTimesFinishShortWritesAndStopAt
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(-1, kData, sizeof(kData)));
     EXPECT_EQ(0, ducto()->tav_sensorstore_write(fd, kData, 0));
     EXPECT_EQ(1, writes->load());
+    // A partition that takes nothing ends the write at once.
+    hooks.write = [](int, const void*, size_t) -> ssize_t { return 0; };
+    host::set_channel_hooks(hooks);
+    EXPECT_EQ(0, ducto()->tav_sensorstore_write(fd, kData, sizeof(kData)));
+    // The hash reads `len` characters, not up to the end of the name.
+    EXPECT_EQ(ducto()->ducto_get_channel_hash("sensors", 7),
+              ducto()->ducto_get_channel_hash("sensorsX", 7));
 }
 
 // In a child under a 3 GiB address-space limit, as a 32-bit process has: a
