@@ -99,6 +99,7 @@ const flag kAon{"ro.vendor.mr_aon_presence", [] { return get_aon_prop() == 1; },
 // ran the reader fails the match.
 TEST(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // clang-format off
     const struct {
         const flag& f;
         const char* value;  // nullptr: unset
@@ -107,11 +108,20 @@ TEST(FeatureFlagsTest, EachSwitchAppliesItsOwnLooseComparison) {
         // The sensor store is on unless the value starts with "false"; on-device
         // analysis and tracing compare four characters with "true"; always-on
         // presence looks at the first character only.
-        {kDs, nullptr, false},   {kDs, "0", true},         {kDs, "FALSE", true},
-        {kDs, "falsely", false}, {kOda, nullptr, false},   {kOda, "true1", true},
-        {kOda, "TRUE", false},   {kTrace, nullptr, false}, {kTrace, "trueish", true},
-        {kAon, nullptr, false},  {kAon, "10", true},       {kAon, "true", false},
+        {kDs, nullptr, false},
+        {kDs, "0", true},
+        {kDs, "FALSE", true},
+        {kDs, "falsely", false},
+        {kOda, nullptr, false},
+        {kOda, "true1", true},
+        {kOda, "TRUE", false},
+        {kTrace, nullptr, false},
+        {kTrace, "trueish", true},
+        {kAon, nullptr, false},
+        {kAon, "10", true},
+        {kAon, "true", false},
     };
+    // clang-format on
     for (const auto& c : cases) {
         kivhal::host::clear_properties();
         if (c.value != nullptr) set_property(c.f.property, c.value);
